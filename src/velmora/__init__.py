@@ -1,0 +1,1 @@
+"""velmora: a code index and its text search."""
