@@ -1,0 +1,71 @@
+#include "module/args.hpp"
+
+namespace velmora::py {
+namespace {
+
+Py_ssize_t index_of(const ParamSpec& spec, PyObject* keyword) {
+    for (Py_ssize_t i = 0; i < spec.count; ++i) {
+        if (PyUnicode_CompareWithASCIIString(keyword, spec.names[i]) == 0) return i;
+    }
+    return -1;
+}
+
+bool missing(const ParamSpec& spec, Py_ssize_t index) {
+    const char* kind = index < spec.positional ? "positional" : "keyword-only";
+    PyErr_Format(PyExc_TypeError, "%s() missing 1 required %s argument: '%s'", spec.function,
+                 kind, spec.names[index]);
+    return false;
+}
+
+}  // namespace
+
+bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
+                PyObject* kwnames, PyObject** out) {
+    if (nargs > spec.positional) {
+        PyErr_Format(PyExc_TypeError, "%s() takes %zd positional argument%s but %zd %s given",
+                     spec.function, spec.positional, spec.positional == 1 ? "" : "s", nargs,
+                     nargs == 1 ? "was" : "were");
+        return false;
+    }
+    for (Py_ssize_t i = 0; i < spec.count; ++i) out[i] = i < nargs ? args[i] : nullptr;
+    const Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+    for (Py_ssize_t k = 0; k < nkw; ++k) {
+        PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
+        const Py_ssize_t i = index_of(spec, keyword);
+        if (i < 0) {
+            PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'",
+                         spec.function, keyword);
+            return false;
+        }
+        if (out[i] != nullptr) {
+            PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%s'",
+                         spec.function, spec.names[i]);
+            return false;
+        }
+        out[i] = args[nargs + k];
+    }
+    for (Py_ssize_t i = 0; i < spec.required; ++i) {
+        if (out[i] == nullptr) return missing(spec, i);
+    }
+    return true;
+}
+
+bool require_str(const char* function, const char* param, PyObject* value) {
+    if (!PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str, not %.200s", function,
+                     param, Py_TYPE(value)->tp_name);
+        return false;
+    }
+    return PyUnicode_READY(value) == 0;
+}
+
+bool require_int(const char* function, const char* param, PyObject* value) {
+    if (!PyLong_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be int, not %.200s", function,
+                     param, Py_TYPE(value)->tp_name);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace velmora::py

@@ -1,0 +1,43 @@
+// Argument parsing for METH_FASTCALL | METH_KEYWORDS functions, with the messages that
+// Python gives for a def with the same parameters.
+#pragma once
+
+#include "module/owned.hpp"
+
+#include <array>
+#include <cstddef>
+
+namespace velmora::py {
+
+struct ParamSpec {
+    const char* function;      // as it appears in messages: "code_chunks"
+    const char* const* names;  // every parameter, positional ones first
+    Py_ssize_t count;
+    Py_ssize_t positional;     // how many may be passed by position
+    Py_ssize_t required;       // the first `required` have no default
+};
+
+// Fills out[0..count) with borrowed references (null for an absent optional one).
+bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
+                PyObject* kwnames, PyObject** out);
+
+template <size_t N>
+struct Params {
+    std::array<const char*, N> names;
+    const char* function;
+    Py_ssize_t positional = N;
+    Py_ssize_t required = N;
+
+    bool parse(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
+               std::array<PyObject*, N>& out) const {
+        const ParamSpec spec{function, names.data(), static_cast<Py_ssize_t>(N), positional, required};
+        return parse_args(spec, args, nargs, kwnames, out.data());
+    }
+};
+
+// TypeError "f() argument 'x' must be str, not int" unless `value` is a str; readies it.
+bool require_str(const char* function, const char* param, PyObject* value);
+// The same for int (bool included, as for Python's own int parameters).
+bool require_int(const char* function, const char* param, PyObject* value);
+
+}  // namespace velmora::py

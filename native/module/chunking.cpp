@@ -1,0 +1,144 @@
+// code_chunks, stored_text_bytes, file_rowids and _chunk_lines: how a file's text is cut
+// into stored chunks, measured, numbered and read back.
+#include "core/chunk_plan.hpp"
+#include "core/stored_size.hpp"
+#include "module/args.hpp"
+#include "module/definitions.hpp"
+#include "module/state.hpp"
+#include "module/text.hpp"
+
+namespace velmora::py {
+namespace {
+
+using core::ChunkSpan;
+
+// The joined text of one chunk, made in one allocation of the narrowest width.
+template <class Char>
+PyObject* chunk_text(const Char* data, const ChunkSpan& span, bool ascii) {
+    const uint32_t max_char = ascii ? 0x7F : core::joined_max_char(data, span.begin, span.end);
+    PyObject* text = PyUnicode_New(static_cast<Py_ssize_t>(span.length), max_char);
+    if (text == nullptr || span.length == 0) return text;
+    fill_text(text, [&](auto* out) {
+        using Out = std::remove_pointer_t<decltype(out)>;
+        if (span.lf_only && sizeof(Out) == sizeof(Char)) {
+            std::memcpy(out, data + span.begin, span.length * sizeof(Char));
+        } else {
+            core::copy_joined(data, span.begin, span.end, out);
+        }
+    });
+    return text;
+}
+
+PyObject* chunk_triple(const ChunkSpan& span, PyObject* text) {
+    Owned first(PyLong_FromSize_t(span.first_line));
+    Owned last(first ? PyLong_FromSize_t(span.last_line) : nullptr);
+    if (!last) return nullptr;
+    return PyTuple_Pack(3, first.get(), last.get(), text);
+}
+
+PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static const Params<1> params{{"text"}, "code_chunks"};
+    std::array<PyObject*, 1> a;
+    if (!params.parse(args, nargs, kwnames, a) || !require_str("code_chunks", "text", a[0])) {
+        return nullptr;
+    }
+    PyObject* source = a[0];
+    Owned chunks(PyList_New(0));
+    if (!chunks) return nullptr;
+    const bool ascii = PyUnicode_IS_ASCII(source);
+    const bool ok = visit_text(source, [&](const auto* data, size_t length) {
+        return core::plan_chunks(data, length, [&](const ChunkSpan& span) {
+            Owned text(chunk_text(data, span, ascii));
+            Owned chunk(text ? chunk_triple(span, text.get()) : nullptr);
+            return chunk && PyList_Append(chunks.get(), chunk.get()) == 0;
+        });
+    });
+    return ok ? chunks.release() : nullptr;
+}
+
+PyObject* stored_text_bytes(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static const Params<1> params{{"text"}, "stored_text_bytes"};
+    std::array<PyObject*, 1> a;
+    if (!params.parse(args, nargs, kwnames, a) || !require_str("stored_text_bytes", "text", a[0])) {
+        return nullptr;
+    }
+    PyObject* text = a[0];
+    if (PyUnicode_IS_ASCII(text)) {
+        const auto* data = static_cast<const uint8_t*>(PyUnicode_DATA(text));
+        return PyLong_FromUnsignedLongLong(
+            core::stored_ascii_bytes(data, static_cast<size_t>(PyUnicode_GET_LENGTH(text))));
+    }
+    return visit_text(text, [](const auto* data, size_t length) {
+        return PyLong_FromUnsignedLongLong(core::stored_text_bytes(data, length));
+    });
+}
+
+PyObject* file_rowids(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static const Params<1> params{{"file_id"}, "file_rowids"};
+    std::array<PyObject*, 1> a;
+    if (!params.parse(args, nargs, kwnames, a) || !require_int("file_rowids", "file_id", a[0])) {
+        return nullptr;
+    }
+    return row_id_range(module_state(module), a[0]);
+}
+
+PyObject* chunk_lines(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    static const Params<3> params{{"start_line", "end_line", "text"}, "_chunk_lines"};
+    std::array<PyObject*, 3> a;
+    if (!params.parse(args, nargs, kwnames, a) || !require_str("_chunk_lines", "text", a[2])) {
+        return nullptr;
+    }
+    return lines_of_chunk(a[0], a[1], a[2]);
+}
+
+}  // namespace
+
+PyObject* row_id_range(ModuleState* state, PyObject* file_id) {
+    Owned first(PyNumber_Multiply(file_id, state->stride));
+    if (!first) return nullptr;
+    Owned one(PyLong_FromLong(1));
+    Owned next_id(one ? PyNumber_Add(file_id, one.get()) : nullptr);
+    Owned end(next_id ? PyNumber_Multiply(next_id.get(), state->stride) : nullptr);
+    if (!end) return nullptr;
+    return PyTuple_Pack(2, first.get(), end.get());
+}
+
+PyObject* lines_of_chunk(PyObject* start_line, PyObject* end_line, PyObject* text) {
+    Owned lines(PyList_New(0));
+    if (!lines) return nullptr;
+    const int has_lines = PyObject_RichCompareBool(end_line, start_line, Py_GE);
+    if (has_lines < 0) return nullptr;
+    if (has_lines && !append_lf_pieces(lines.get(), text)) return nullptr;
+    return lines.release();
+}
+
+PyMethodDef code_chunks_def = {
+    "code_chunks", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(code_chunks)),
+    METH_FASTCALL | METH_KEYWORDS,
+    "code_chunks($module, /, text)\n--\n\n"
+    "The text cut into stored chunks of at most ``CODE_CHUNK_LINES`` whole lines.\n\n"
+    "    Each chunk is (first line, last line, text): 1-based and inclusive, the lines joined\n"
+    "    with one line feed. A text without lines gives the one chunk (1, 0, \"\")."};
+
+PyMethodDef stored_text_bytes_def = {
+    "stored_text_bytes",
+    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(stored_text_bytes)),
+    METH_FASTCALL | METH_KEYWORDS,
+    "stored_text_bytes($module, /, text)\n--\n\n"
+    "The UTF-8 bytes of the text as its chunks hold it: its lines joined with one line feed\n"
+    "    each, a lone surrogate counted as one byte."};
+
+PyMethodDef file_rowids_def = {
+    "file_rowids", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(file_rowids)),
+    METH_FASTCALL | METH_KEYWORDS,
+    "file_rowids($module, /, file_id)\n--\n\n"
+    "The half-open range of the row ids of a file's chunks: (file_id * stride,\n"
+    "    (file_id + 1) * stride)."};
+
+PyMethodDef chunk_lines_def = {
+    "_chunk_lines", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(chunk_lines)),
+    METH_FASTCALL | METH_KEYWORDS,
+    "_chunk_lines($module, /, start_line, end_line, text)\n--\n\n"
+    "The lines of one stored chunk: its text split at line feeds, none when it has no line."};
+
+}  // namespace velmora::py

@@ -1,0 +1,39 @@
+// What the files of the binding offer one another: the module's functions (as method
+// definitions, added to the module in its load order by module.cpp), the type specs,
+// and the few routines that more than one concern shares.
+#pragma once
+
+#include "module/owned.hpp"
+#include "module/state.hpp"
+
+namespace velmora::py {
+
+// Functions of the module.
+extern PyMethodDef code_chunks_def;
+extern PyMethodDef stored_text_bytes_def;
+extern PyMethodDef text_kept_on_disk_def;
+extern PyMethodDef file_rowids_def;
+extern PyMethodDef keep_large_data_on_disk_def;
+extern PyMethodDef chunk_lines_def;
+
+// Records: Segment is a named tuple, made once per load.
+PyObject* make_segment_type(PyObject* module);
+// A new Segment(first, lines, last); `lines` is taken as it is (a reference is added).
+PyObject* new_segment(ModuleState* state, PyObject* first, PyObject* lines, bool last);
+// FileRow: tuple[int, str, str, str | None].
+PyObject* make_file_row_alias();
+
+// Shared routines.
+// (file_id * stride, (file_id + 1) * stride).
+PyObject* row_id_range(ModuleState* state, PyObject* file_id);
+// The lines of a stored chunk: text split at LF when end_line >= start_line, else [].
+PyObject* lines_of_chunk(PyObject* start_line, PyObject* end_line, PyObject* text);
+// text_kept_on_disk on already parsed arguments: 1, 0, or -1 with an error set.
+int kept_on_disk(ModuleState* state, PyObject* language, PyObject* text_bytes);
+
+}  // namespace velmora::py
+
+namespace velmora::py {
+// The migration's selecting statement, for `languages` placeholders.
+PyObject* select_large_data_sql(PyObject* chunked_text_bytes_sql, Py_ssize_t languages);
+}  // namespace velmora::py

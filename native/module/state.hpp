@@ -1,0 +1,44 @@
+// The module's state: every object the binding keeps between calls, listed once so
+// that traverse and clear cannot drift from the fields.
+#pragma once
+
+#include "module/owned.hpp"
+
+#include <cstdint>
+
+namespace velmora::py {
+
+#define VELMORA_STATE_OBJECTS(X)                                                    \
+    X(chunk_store)           /* the sibling module, for names looked up at use */  \
+    X(stride)                /* CODE_CHUNK_STRIDE as a Python int */               \
+    X(large_data_languages)  /* LARGE_DATA_LANGUAGES */                            \
+    X(large_data_text_bytes) /* LARGE_DATA_TEXT_BYTES as a Python int */           \
+    X(select_large_data_sql) /* the migration's selecting statement */             \
+    X(segment_type)          /* Segment */                                         \
+    X(line_matches_type)     /* the iterator line_matches returns */               \
+    X(disk_text_type)        /* DiskText */                                        \
+    X(chunk_text_type)       /* ChunkText */                                       \
+    X(str_line)              /* interned keys and names used on hot paths */       \
+    X(str_content)                                                                 \
+    X(str_compressed)                                                              \
+    X(str_read_bytes_no_follow)
+
+struct ModuleState {
+#define VELMORA_DECLARE(name) PyObject* name;
+    VELMORA_STATE_OBJECTS(VELMORA_DECLARE)
+#undef VELMORA_DECLARE
+    int64_t stride_value;  // the same stride, for arithmetic on row ids that fit
+};
+
+inline ModuleState* module_state(PyObject* module) {
+    return static_cast<ModuleState*>(PyModule_GetState(module));
+}
+
+extern PyModuleDef code_text_module;
+
+// The state of the module that defined `type` (a heap type of this module).
+inline ModuleState* type_state(PyTypeObject* type) {
+    return module_state(PyType_GetModuleByDef(type, &code_text_module));
+}
+
+}  // namespace velmora::py
