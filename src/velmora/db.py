@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import sqlite3
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any, Sequence
 
@@ -19,6 +21,22 @@ class Database:
 
     def fetchall(self, sql: str, parameters: Sequence[Any] = ()) -> list[Any]:
         return self.connection.execute(sql, parameters).fetchall()
+
+    @contextmanager
+    def transaction(self) -> Iterator[sqlite3.Cursor]:
+        """A cursor inside one write transaction: committed at the end, rolled back on error.
+
+        The transaction is begun explicitly, so that schema changes (which sqlite3 would
+        otherwise run outside any transaction) roll back with the rest.
+        """
+        cursor = self.connection.cursor()
+        cursor.execute("BEGIN IMMEDIATE")
+        try:
+            yield cursor
+        except BaseException:
+            self.connection.rollback()
+            raise
+        self.connection.commit()
 
     def close(self) -> None:
         self.connection.close()

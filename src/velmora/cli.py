@@ -1,0 +1,165 @@
+"""The ``velmora`` command."""
+
+from __future__ import annotations
+
+import argparse
+import json
+import sqlite3
+import sys
+from collections.abc import Sequence
+from pathlib import Path
+from typing import TextIO
+
+from velmora import indexer, schema
+from velmora.search import Hit, Query, QueryError, search, select_files
+
+_PATH, _NUMBER, _MATCH, _RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
+
+
+class UsageError(Exception):
+    """Bad input from the user: reported in one line, exit status 2."""
+
+
+def main(argv: Sequence[str] | None = None) -> int:
+    args = _parser().parse_args(argv)
+    try:
+        return args.run(args)
+    except (UsageError, QueryError, schema.SchemaError) as error:
+        print(f"velmora: error: {error}", file=sys.stderr)
+        return 2
+    except sqlite3.Error as error:
+        print(f"velmora: index error: {error}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        return 130
+    except BrokenPipeError:
+        # The reader went away (``| head``): stop quietly, and keep Python from
+        # complaining about the closed pipe at exit.
+        sys.stderr.close()
+        return 0
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="velmora", description="Index a repository and search its code.")
+    commands = parser.add_subparsers(dest="command", required=True)
+
+    index = commands.add_parser("index", help="index a repository, or bring its index up to date")
+    index.add_argument("repo", nargs="?", default=".", help="the repository (default: .)")
+    index.add_argument(
+        "--layout", choices=("auto", "compressed", "code_chunks"), default="auto",
+        help="how chunks are stored: compressed needs SQLite 3.43+ to delete cheaply "
+        "(auto: keep the index's layout, or pick by SQLite version)",
+    )
+    index.set_defaults(run=_index)
+
+    search_cmd = commands.add_parser("search", help="search the index")
+    kinds = search_cmd.add_subparsers(dest="kind", required=True)
+    code = kinds.add_parser("code", help="find a text or regex in the indexed files")
+    code.add_argument("query", help="the text to find (a Python regex with --regex)")
+    code.add_argument("repo", nargs="?", default=".", help="the repository (default: .)")
+    code.add_argument("-e", "--regex", action="store_true", help="the query is a regex")
+    code.add_argument("-i", "--ignore-case", action="store_true", help="ignore case")
+    code.add_argument("-C", "--context", type=_count, default=0, metavar="N",
+                      help="show N lines before and after each match")
+    code.add_argument("-g", "--glob", action="append", default=[],
+                      help="search only files matching this glob; !GLOB excludes (repeatable)")
+    code.add_argument("-m", "--max-count", type=_count, metavar="N",
+                      help="at most N matching lines per file")
+    code.add_argument("--json", action="store_true", help="one JSON object per match")
+    code.add_argument("--color", choices=("auto", "always", "never"), default="auto")
+    code.set_defaults(run=_search)
+    return parser
+
+
+def _count(text: str) -> int:
+    value = int(text)
+    if value < 0:
+        raise argparse.ArgumentTypeError(f"not a count: {text}")
+    return value
+
+
+def _repo(text: str) -> Path:
+    root = Path(text).resolve()
+    if not root.is_dir():
+        raise UsageError(f"no such repository: {text}")
+    return root
+
+
+def _index(args: argparse.Namespace) -> int:
+    root = _repo(args.repo)
+    store = None if args.layout == "auto" else args.layout
+    print(indexer.index(root, store).line(), file=sys.stderr)
+    return 0
+
+
+def _search(args: argparse.Namespace) -> int:
+    # Everything the user gave is checked before the index is touched.
+    query = Query.parse(args.query, regex=args.regex, ignore_case=args.ignore_case)
+    root = _repo(args.repo)
+    db_path = schema.index_path(root)
+    if not db_path.exists():
+        print(indexer.index(root).line(), file=sys.stderr)
+    db = schema.open_index(db_path)
+    try:
+        files = select_files(db, args.glob)
+        results, reason = search(
+            db, query, files, context_lines=args.context, max_count=args.max_count
+        )
+        if reason:
+            print(f"velmora: {reason}", file=sys.stderr)
+        color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
+        found = False
+        for path, hits in results:
+            if args.json:
+                _print_json(sys.stdout, path, hits)
+            else:
+                if found and args.context:
+                    sys.stdout.write("--\n")
+                _print_text(sys.stdout, path, hits, query, args.context > 0, color)
+            found = True
+        sys.stdout.flush()
+    finally:
+        db.close()
+    return 0 if found else 1
+
+
+def _print_json(out: TextIO, path: str, hits: list[Hit]) -> None:
+    for hit in hits:
+        record = {"path": path, "line": hit.line, "column": hit.column + 1, "context": hit.context}
+        out.write(json.dumps(record, ensure_ascii=False) + "\n")
+
+
+def _print_text(
+    out: TextIO, path: str, hits: list[Hit], query: Query, with_context: bool, color: bool
+) -> None:
+    """grep's format: ``path:line:column:text`` for matches, ``path-line-text`` around them,
+    and ``--`` between runs of lines that do not touch."""
+    shown_path = f"{_PATH}{path}{_RESET}" if color else path
+    matched = {hit.line: hit for hit in hits}
+    printed = 0
+    for hit in hits:
+        for record in hit.context:
+            number, content = record["line"], record["content"]
+            if number <= printed:
+                continue
+            if with_context and printed and number > printed + 1:
+                out.write("--\n")
+            printed = number
+            shown_number = f"{_NUMBER}{number}{_RESET}" if color else str(number)
+            if number in matched:
+                column = matched[number].column
+                text = _highlight(content, query.span(content, column)) if color else content
+                out.write(f"{shown_path}:{shown_number}:{column + 1}:{text}\n")
+            else:
+                out.write(f"{shown_path}-{shown_number}-{content}\n")
+
+
+def _highlight(line: str, span: tuple[int, int] | None) -> str:
+    if span is None or span[0] == span[1]:
+        return line
+    start, end = span
+    return f"{line[:start]}{_MATCH}{line[start:end]}{_RESET}{line[end:]}"
+
+
+if __name__ == "__main__":
+    sys.exit(main())

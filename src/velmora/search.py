@@ -1,0 +1,121 @@
+"""``velmora search code``: find a text or a regex in the indexed files."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Iterator, Sequence
+from dataclasses import dataclass
+from typing import Any
+
+import pathspec
+
+from velmora.db import Database
+from velmora.storage import chunk_store, code_text
+
+
+class QueryError(ValueError):
+    """The query cannot be searched for (an invalid regex, say)."""
+
+
+@dataclass(frozen=True)
+class Query:
+    """What to look for, in the shape the text module takes it."""
+
+    needle: str | None  # a plain search's text, lower-case when case is ignored
+    pattern: re.Pattern[str] | None  # a regex search's compiled pattern
+    case_sensitive: bool
+
+    @classmethod
+    def parse(cls, text: str, *, regex: bool = False, ignore_case: bool = False) -> Query:
+        try:
+            text.encode("utf-8")
+        except UnicodeEncodeError:
+            raise QueryError("the query is not valid UTF-8") from None
+        if not regex:
+            return cls(text.lower() if ignore_case else text, None, not ignore_case)
+        try:
+            pattern = re.compile(text, re.IGNORECASE if ignore_case else 0)
+        except re.error as error:
+            raise QueryError(f"invalid regex {text!r}: {error}") from None
+        return cls(None, pattern, not ignore_case)
+
+    def span(self, line: str, column: int) -> tuple[int, int] | None:
+        """Where the match reported at ``column`` lies in ``line``, for highlighting."""
+        if self.pattern is not None:
+            found = self.pattern.search(line)
+            return found.span() if found else None
+        assert self.needle is not None
+        # An ignore-case column counts in the lower-cased line, which may be longer.
+        if not self.case_sensitive and len(line.lower()) != len(line):
+            return None
+        return column, column + len(self.needle)
+
+
+@dataclass(frozen=True)
+class Hit:
+    """One matching line: its number, the 0-based column of the match, and its context."""
+
+    line: int
+    column: int
+    context: list[dict[str, Any]]
+
+    @property
+    def text(self) -> str:
+        return next(r["content"] for r in self.context if r["line"] == self.line)
+
+
+def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
+    """The indexed files, by path, that match the globs ("!" before a glob excludes)."""
+    rows = db.fetchall("SELECT id, path, language, sha1 FROM files ORDER BY path")
+    include = [g for g in globs if not g.startswith("!")]
+    exclude = [g[1:] for g in globs if g.startswith("!")]
+    wanted = pathspec.GitIgnoreSpec.from_lines(include) if include else None
+    unwanted = pathspec.GitIgnoreSpec.from_lines(exclude)
+    return [
+        row for row in rows
+        if (wanted is None or wanted.match_file(row[1])) and not unwanted.match_file(row[1])
+    ]
+
+
+def search(
+    db: Database,
+    query: Query,
+    files: Sequence[code_text.FileRow],
+    *,
+    context_lines: int = 0,
+    max_count: int | None = None,
+) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
+    """The matches file by file, and why the files are read from disk (None if they aren't)."""
+    source, reason = code_text.text_source(
+        db, files, query.needle, query.case_sensitive, store=chunk_store.layout(db)
+    )
+
+    def per_file() -> Iterator[tuple[str, list[Hit]]]:
+        for file_id, path, *_ in files:
+            hits = _file_hits(source, file_id, path, query, context_lines, max_count)
+            if hits:
+                yield path, hits
+
+    return per_file(), reason
+
+
+def _file_hits(
+    source, file_id: int, path: str, query: Query, context_lines: int, max_count: int | None
+) -> list[Hit]:
+    hits: list[Hit] = []
+    for segment in source.segments(file_id, path):
+        end = segment.first + len(segment.lines) - 1
+        for number, column in code_text.line_matches(
+            segment.lines, query.needle, query.pattern, query.case_sensitive
+        ):
+            if max_count is not None and len(hits) >= max_count:
+                return hits
+            line = segment.first + number - 1
+            low, high = max(1, line - context_lines), line + context_lines
+            if low >= segment.first and (high <= end or segment.last):
+                records = code_text.context(segment.lines, low, high, segment.first)
+            else:
+                # The context reaches past the segment: take it from the whole file.
+                records = code_text.context(source.lines(file_id, path), low, high)
+            hits.append(Hit(line, column, records))
+    return hits
