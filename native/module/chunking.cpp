@@ -116,29 +116,54 @@ PyMethodDef code_chunks_def = {
     "code_chunks", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(code_chunks)),
     METH_FASTCALL | METH_KEYWORDS,
     "code_chunks($module, /, text)\n--\n\n"
-    "The text cut into stored chunks of at most ``CODE_CHUNK_LINES`` whole lines.\n\n"
-    "    Each chunk is (first line, last line, text): 1-based and inclusive, the lines joined\n"
-    "    with one line feed. A text without lines gives the one chunk (1, 0, \"\")."};
+    "The chunks of a file's text: (first line, last line, text), in line order.\n"
+    "\n"
+    "    Args:\n"
+    "        text: The file's text.\n"
+    "\n"
+    "    Returns:\n"
+    "        At most ``CODE_CHUNK_LINES`` lines a chunk, joined by one LF; a text without lines\n"
+    "        gives the one chunk (1, 0, \"\").\n"
+    "    "};
 
 PyMethodDef stored_text_bytes_def = {
     "stored_text_bytes",
     reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(stored_text_bytes)),
     METH_FASTCALL | METH_KEYWORDS,
     "stored_text_bytes($module, /, text)\n--\n\n"
-    "The UTF-8 bytes of the text as its chunks hold it: its lines joined with one line feed\n"
-    "    each, a lone surrogate counted as one byte."};
+    "The UTF-8 bytes of a text as its chunks hold it: its lines joined by one LF each.\n"
+    "\n"
+    "    Args:\n"
+    "        text: The file's text.\n"
+    "\n"
+    "    Returns:\n"
+    "        The byte count; a lone surrogate counts one byte (it is stored as \"?\").\n"
+    "    "};
 
 PyMethodDef file_rowids_def = {
     "file_rowids", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(file_rowids)),
     METH_FASTCALL | METH_KEYWORDS,
     "file_rowids($module, /, file_id)\n--\n\n"
-    "The half-open range of the row ids of a file's chunks: (file_id * stride,\n"
-    "    (file_id + 1) * stride)."};
+    "The row ids of a file's chunks, as a half-open range (first, end).\n"
+    "\n"
+    "    Args:\n"
+    "        file_id: The file's id.\n"
+    "\n"
+    "    Returns:\n"
+    "        The pair (file_id * CODE_CHUNK_STRIDE, (file_id + 1) * CODE_CHUNK_STRIDE).\n"
+    "    "};
 
 PyMethodDef chunk_lines_def = {
     "_chunk_lines", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(chunk_lines)),
     METH_FASTCALL | METH_KEYWORDS,
     "_chunk_lines($module, /, start_line, end_line, text)\n--\n\n"
-    "The lines of one stored chunk: its text split at line feeds, none when it has no line."};
+    "The lines of one stored chunk: its text split at each LF.\n"
+    "\n"
+    "    Args:\n"
+    "        start_line: The chunk's first line.\n"
+    "        end_line: The chunk's last line; below ``start_line`` for the chunk of a text without\n"
+    "            lines, which has none.\n"
+    "        text: The chunk's stored text.\n"
+    "    "};
 
 }  // namespace velmora::py

@@ -122,15 +122,29 @@ PyMethodDef text_kept_on_disk_def = {
     reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(text_kept_on_disk)),
     METH_FASTCALL | METH_KEYWORDS,
     "text_kept_on_disk($module, /, language, text_bytes)\n--\n\n"
-    "Whether the index keeps a file's text on disk rather than in chunks: a language of\n"
-    "    ``LARGE_DATA_LANGUAGES`` and a stored size over ``LARGE_DATA_TEXT_BYTES``."};
+    "Whether the index keeps a file's text on disk rather than in its chunks.\n"
+    "\n"
+    "    Args:\n"
+    "        language: The file's language.\n"
+    "        text_bytes: The file's stored size (``stored_text_bytes`` of its text).\n"
+    "\n"
+    "    Returns:\n"
+    "        True for a large data file: a language of ``LARGE_DATA_LANGUAGES`` over\n"
+    "        ``LARGE_DATA_TEXT_BYTES``.\n"
+    "    "};
 
 PyMethodDef keep_large_data_on_disk_def = {
     "keep_large_data_on_disk",
     reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(keep_large_data_on_disk)),
     METH_FASTCALL | METH_KEYWORDS,
     "keep_large_data_on_disk($module, /, cursor)\n--\n\n"
-    "Drop the chunks of the large data files of an index made before the rule and flag them\n"
-    "    ``text_on_disk``, in the caller's transaction; how many files it marked."};
+    "Drop the chunks of the large data files and mark their text as kept on disk.\n"
+    "\n"
+    "    Args:\n"
+    "        cursor: A cursor of the index, inside the caller's transaction.\n"
+    "\n"
+    "    Returns:\n"
+    "        How many files were marked; 0 for an index without ``code_chunks``.\n"
+    "    "};
 
 }  // namespace velmora::py
