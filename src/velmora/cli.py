@@ -21,7 +21,14 @@ class UsageError(Exception):
 
 
 def main(argv: Sequence[str] | None = None) -> int:
-    args = _parser().parse_args(argv)
+    parser = _parser()
+    args, extra = parser.parse_known_args(argv)
+    # argparse takes the positionals of one run together, so a repository named after
+    # options (``search code QUERY -i REPO``) comes back unparsed.
+    if len(extra) == 1 and not extra[0].startswith("-") and getattr(args, "repo", "") is None:
+        args.repo, extra = extra[0], []
+    if extra:
+        parser.error(f"unrecognized arguments: {' '.join(extra)}")
     try:
         return args.run(args)
     except (UsageError, QueryError, schema.SchemaError) as error:
@@ -44,7 +51,7 @@ def _parser() -> argparse.ArgumentParser:
     commands = parser.add_subparsers(dest="command", required=True)
 
     index = commands.add_parser("index", help="index a repository, or bring its index up to date")
-    index.add_argument("repo", nargs="?", default=".", help="the repository (default: .)")
+    index.add_argument("repo", nargs="?", help="the repository (default: .)")
     index.add_argument(
         "--layout", choices=("auto", "compressed", "code_chunks"), default="auto",
         help="how chunks are stored: compressed needs SQLite 3.43+ to delete cheaply "
@@ -56,7 +63,7 @@ def _parser() -> argparse.ArgumentParser:
     kinds = search_cmd.add_subparsers(dest="kind", required=True)
     code = kinds.add_parser("code", help="find a text or regex in the indexed files")
     code.add_argument("query", help="the text to find (a Python regex with --regex)")
-    code.add_argument("repo", nargs="?", default=".", help="the repository (default: .)")
+    code.add_argument("repo", nargs="?", help="the repository (default: .)")
     code.add_argument("-e", "--regex", action="store_true", help="the query is a regex")
     code.add_argument("-i", "--ignore-case", action="store_true", help="ignore case")
     code.add_argument("-C", "--context", type=_count, default=0, metavar="N",
@@ -78,7 +85,8 @@ def _count(text: str) -> int:
     return value
 
 
-def _repo(text: str) -> Path:
+def _repo(text: str | None) -> Path:
+    text = text or "."
     root = Path(text).resolve()
     if not root.is_dir():
         raise UsageError(f"no such repository: {text}")

@@ -151,7 +151,7 @@ class Progress:
     def __init__(self, total: int, stream: TextIO | None = None) -> None:
         self.stream = stream if stream is not None else sys.stderr
         self.total = total
-        self.shown = stream is not None or self.stream.isatty()
+        self.shown = self.stream.isatty()
         self.last = 0.0
 
     def update(self, done: int, force: bool = False) -> None:

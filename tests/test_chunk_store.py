@@ -1,0 +1,192 @@
+"""The two chunk layouts of ``chunk_store``: writing, reading, narrowing and deleting."""
+
+from __future__ import annotations
+
+import sqlite3
+
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+import strategies
+from velmora.db import Database
+from velmora.storage import chunk_store
+
+STRIDE = chunk_store.CHUNK_STRIDE
+_ASCII_LOWER = str.maketrans("ABCDEFGHIJKLMNOPQRSTUVWXYZ", "abcdefghijklmnopqrstuvwxyz")
+
+# Chunks as the indexer hands them over: (first line, last line, text).
+FILES = {
+    1: [(1, 64, "def Hello_World():\n    return 'quoted \"text\"'"), (65, 65, "tail\0with NUL")],
+    2: [(1, 0, "")],
+    3: [(1, 2, "école ÉCOLE\nα β γ"), (3, 4, "100% of a_b\nNEEDLE here"), (5, 5, "needle")],
+}
+
+
+@pytest.fixture(params=["sqlite3", "pysqlite3"])
+def sqlite(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch):
+    """The SQLite of this machine, and a newer one (with ``contentless_delete``) if installed."""
+    if request.param == "sqlite3":
+        return sqlite3
+    newer = pytest.importorskip("pysqlite3.dbapi2")
+    monkeypatch.setattr(chunk_store, "sqlite3", newer)
+    return newer
+
+
+def make_db(sqlite, path, store, files=FILES) -> Database:
+    db = Database(path)
+    db.connection.close()
+    db.connection = sqlite.connect(path)
+    with db.transaction() as cursor:
+        chunk_store.create_tables(cursor, store)
+        for file_id, chunks in files.items():
+            chunk_store.store_chunks(cursor, store, file_id, chunks)
+    return db
+
+
+def all_rows(db, ids):
+    return sorted(chunk_store.matching_rows(db, None, ids))
+
+
+def expected_rows(files, ids):
+    return sorted(
+        (file_id * STRIDE + i, s, e, t, i == len(chunks) - 1)
+        for file_id, chunks in files.items() if file_id in ids
+        for i, (s, e, t) in enumerate(chunks)
+    )
+
+
+@pytest.mark.parametrize("store", ["compressed", "code_chunks"])
+def test_layout_is_told_from_the_tables(tmp_path, sqlite, store):
+    db = make_db(sqlite, tmp_path / "i.db", store)
+    assert chunk_store.layout(db) == store
+    with db.transaction() as cursor:
+        chunk_store.drop_tables(cursor)
+    assert chunk_store.layout(db) is None
+
+
+def test_code_chunks_rows_hold_nul_as_space_and_exact_only_when_it_differs(tmp_path, sqlite):
+    db = make_db(sqlite, tmp_path / "i.db", "code_chunks")
+    rows = db.fetchall("SELECT rowid, start_line, end_line, text, exact FROM code_chunks ORDER BY rowid")
+    assert rows[:2] == [
+        (STRIDE, 1, 64, FILES[1][0][2], None),
+        (STRIDE + 1, 65, 65, "tail with NUL", "tail\0with NUL"),
+    ]
+    assert [r[0] for r in rows] == [r[0] for r in expected_rows(FILES, FILES)]
+
+
+def test_compressed_rows_and_file_rows(tmp_path, sqlite):
+    db = make_db(sqlite, tmp_path / "i.db", "compressed")
+    assert all_rows(db, {1, 2, 3}) == expected_rows(FILES, {1, 2, 3})
+    assert all_rows(db, {3, 99}) == expected_rows(FILES, {3})
+    assert all_rows(db, set()) == []
+    # More files than the range queries take: one pass over the table, filtered.
+    assert all_rows(db, set(range(1, 200))) == expected_rows(FILES, FILES)
+    for file_id, chunks in FILES.items():
+        assert chunk_store.file_rows(db, file_id * STRIDE, (file_id + 1) * STRIDE) == chunks
+    assert chunk_store.file_rows(db, 50 * STRIDE, 51 * STRIDE) == []
+
+
+@pytest.mark.parametrize(
+    "needle, query",
+    [("ab", None), ("", None), ("abc", '"abc"'), ('say "hi"', '"say ""hi"""'), ("a OR b*", '"a OR b*"')],
+)
+def test_trigram_query(needle, query):
+    assert chunk_store.trigram_query(needle) == query
+
+
+@pytest.mark.parametrize(
+    "needle, chunk_ids",
+    [
+        ("hello_world", {STRIDE}),  # case folded
+        ('"text"', {STRIDE}),  # quotes are literal
+        ("with nul", {STRIDE + 1}),  # a NUL is searchable as a space
+        ("ÉCOLE", {3 * STRIDE}),
+        ("% of a_b", {3 * STRIDE + 1}),  # no wildcards
+        ("needle", {3 * STRIDE + 1, 3 * STRIDE + 2}),
+        ("NOT there", set()),
+        ("AND", set()),  # not an operator
+    ],
+)
+def test_matching_rows_narrows_through_the_trigram_index(tmp_path, sqlite, needle, chunk_ids):
+    db = make_db(sqlite, tmp_path / "i.db", "compressed")
+    rows = list(chunk_store.matching_rows(db, chunk_store.trigram_query(needle), {1, 2, 3}))
+    assert {row[0] for row in rows} == chunk_ids
+    assert all(row in expected_rows(FILES, FILES) for row in rows)
+
+
+@st.composite
+def stores_and_needles(draw):
+    texts = draw(st.lists(strategies.texts(surrogates=False, max_size=40), min_size=1, max_size=4))
+    source = draw(st.sampled_from(texts))
+    start = draw(st.integers(0, len(source)))
+    needle = draw(
+        st.one_of(
+            st.just(source[start : start + draw(st.integers(3, 8))]),
+            strategies.lines(surrogates=False, max_size=5),
+        ).filter(lambda n: "\0" not in n)
+    )
+    return texts, needle
+
+
+def chunked(text):
+    # Enough like the real chunking for storage: the lines, a few at a time.
+    lines = text.splitlines()
+    if not lines:
+        return [(1, 0, "")]
+    return [(i + 1, min(i + 3, len(lines)), "\n".join(lines[i : i + 3])) for i in range(0, len(lines), 3)]
+
+
+@settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(stores_and_needles())
+def test_matching_rows_is_a_superset_of_the_chunks_holding_the_needle(case):
+    texts, needle = case
+    files = {file_id: chunked(text) for file_id, text in enumerate(texts, 1)}
+    db = make_db(sqlite3, ":memory:", "compressed", files)
+    searched = set(list(files)[::2])
+    rows = list(chunk_store.matching_rows(db, chunk_store.trigram_query(needle), searched))
+    found = {row[0] for row in rows}
+    folded = needle.translate(_ASCII_LOWER)
+    for row in expected_rows(files, searched):
+        if folded in row[3].translate(_ASCII_LOWER):
+            assert row[0] in found
+    assert all(row in expected_rows(files, files) for row in rows)
+
+
+@pytest.mark.parametrize("store", ["compressed", "code_chunks"])
+def test_drop_chunks_forgets_the_file_and_only_it(tmp_path, sqlite, store):
+    db = make_db(sqlite, tmp_path / "i.db", store)
+    with db.transaction() as cursor:
+        chunk_store.drop_chunks(cursor, store, 1)
+        chunk_store.drop_chunks(cursor, store, 7)  # a file without chunks
+    # A changed file is stored again under the same row ids.
+    new = [(1, 1, "fresh text")]
+    with db.transaction() as cursor:
+        chunk_store.drop_chunks(cursor, store, 3)
+        chunk_store.store_chunks(cursor, store, 3, new)
+
+    def chunk_ids(needle):
+        if store == "compressed":
+            rows = chunk_store.matching_rows(db, chunk_store.trigram_query(needle), {1, 2, 3})
+            return {row[0] for row in rows}
+        rows = db.fetchall("SELECT rowid FROM code_chunks WHERE code_chunks MATCH ?", (f'"{needle}"',))
+        return {row[0] for row in rows}
+
+    # The trigram index no longer answers for the old text...
+    assert chunk_ids("hello_world") == set()
+    assert chunk_ids("needle") == set()
+    assert chunk_ids("fresh") == {3 * STRIDE}
+    if store == "compressed":
+        assert all_rows(db, {1, 2, 3}) == expected_rows({2: FILES[2], 3: new}, {2, 3})
+        # ...and the index stays sound for further writes.
+        with db.transaction() as cursor:
+            chunk_store.drop_chunks(cursor, store, 3)
+        assert chunk_ids("fresh") == set()
+    else:
+        assert db.fetchall("SELECT rowid FROM code_chunks ORDER BY rowid") == [(2 * STRIDE,), (3 * STRIDE,)]
+
+
+def test_delete_uses_the_deletion_this_sqlite_offers(tmp_path, sqlite):
+    db = make_db(sqlite, tmp_path / "i.db", "compressed")
+    (ddl,) = db.fetchone(f"SELECT sql FROM sqlite_master WHERE name = '{chunk_store.TRIGRAM_TABLE}'")
+    assert ("contentless_delete" in ddl) == (sqlite.sqlite_version_info >= (3, 43))

@@ -1,0 +1,280 @@
+"""``velmora index`` and ``velmora search code`` end to end, against a plain disk scan."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import re
+import sqlite3
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+
+import pytest
+
+from velmora import cli, indexer, schema
+from velmora.storage import chunk_store
+
+LAYOUTS = ["code_chunks", "compressed"]
+STDLIB = Path(textwrap.__file__).parent
+
+# Relative path -> content.  Real code from the standard library beside the awkward cases:
+# CR LF, a lone CR, NUL inside text, non-ASCII, an empty file, and a large json file whose
+# text the index keeps on disk.
+FILES: dict[str, str | bytes] = {
+    "lib/textwrap.py": (STDLIB / "textwrap.py").read_bytes(),
+    "lib/shlex.py": (STDLIB / "shlex.py").read_bytes(),
+    "lib/colorsys.py": (STDLIB / "colorsys.py").read_bytes(),
+    "crlf.txt": "first line\r\nSecond Line needle\r\nthird\r\n",
+    "cr.txt": "alpha\rbeta needle\rgamma",
+    "nul.c": "int a = 0;\0/* needle after NUL */\nreturn wrap_text;\n",
+    "unicode.md": "École NEEDLE été\nΣίσυφος ΣΊΣΥΦΟΣ\n100% of a_b width\n",
+    "empty.txt": "",
+    "data/big.json": "{\n" + ",\n".join(f'  "key{i}": "value {i} needle"' for i in range(2000)) + "\n}\n",
+    "data/small.json": '{"needle": 1, "Wrap": true}\n',
+    ".gitignore": "*.log\nbuild/\n",
+}
+NOT_INDEXED = {
+    "debug.log": "needle in an ignored file\n",
+    "build/out.txt": "needle in an ignored dir\n",
+    "image.png": b"\x89PNG\r\n\x1a\n\0\0\0\rIHDR needle \xff\xfe",
+}
+
+QUERIES = [
+    ([], "needle"),
+    ([], "wrap"),  # common
+    ([], "ab"),  # too short for the trigram index
+    ([], "% of a_b"),  # LIKE wildcards taken literally
+    ([], "élé"),  # not there: été is
+    ([], "ΣΊΣ"),
+    (["-i"], "NEEDLE"),
+    (["-i"], "σίσ"),
+    (["-i"], "École"),
+    (["--regex"], r"def \w+\(self"),
+    (["--regex", "-i"], r"^\s*RETURN\b"),
+    (["--regex"], r"^$"),  # empty lines, an empty match at column 1
+    (["-C", "2"], "needle"),
+    (["-C", "3", "-i"], "width"),
+    (["-C", "4", "--regex"], "wrap|self"),  # context across chunk edges
+]
+
+
+def write_tree(root: Path, files: dict[str, str | bytes]) -> None:
+    for rel, content in files.items():
+        path = root / rel
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+
+
+@pytest.fixture
+def repo(tmp_path: Path) -> Path:
+    root = tmp_path / "repo"
+    root.mkdir()
+    subprocess.run(["git", "init", "-q", str(root)], check=True)
+    write_tree(root, FILES | NOT_INDEXED)
+    return root
+
+
+def disk_scan(root: Path, paths, args: list[str], query: str) -> list[dict]:
+    """What a search must find: every file read whole, line by line."""
+    ignore_case = "-i" in args
+    context = int(args[args.index("-C") + 1]) if "-C" in args else 0
+    found = []
+    for path in sorted(paths):
+        lines = (root / path).read_bytes().decode("utf-8", "replace").splitlines()
+        for number, line in enumerate(lines, 1):
+            if "--regex" in args:
+                match = re.search(query, line, re.IGNORECASE if ignore_case else 0)
+                column = match.start() if match else -1
+            elif ignore_case:
+                column = line.lower().find(query.lower())
+            else:
+                column = line.find(query)
+            if column >= 0:
+                records = [
+                    {"line": n, "content": lines[n - 1]}
+                    for n in range(max(1, number - context), min(len(lines), number + context) + 1)
+                ]
+                found.append({"path": path, "line": number, "column": column + 1, "context": records})
+    return found
+
+
+def run(capsys, *argv: str | Path) -> tuple[int, str, str]:
+    code = cli.main([str(a) for a in argv])
+    out, err = capsys.readouterr()
+    return code, out, err
+
+
+def search_json(capsys, root: Path, args: list[str], query: str) -> list[dict]:
+    code, out, err = run(capsys, "search", "code", "--json", *args, "--", query, root)
+    assert code == (0 if out else 1), err
+    assert "read from the files on disk" not in err
+    return [json.loads(line) for line in out.splitlines()]
+
+
+def files_table(root: Path) -> dict[str, tuple[str, int]]:
+    con = sqlite3.connect(schema.index_path(root))
+    try:
+        return {p: (lang, on_disk) for p, lang, on_disk in con.execute("SELECT path, language, text_on_disk FROM files")}
+    finally:
+        con.close()
+
+
+@pytest.mark.parametrize("layout", LAYOUTS)
+def test_index_and_search_follow_the_files(repo, capsys, layout):
+    code, _, err = run(capsys, "index", "--layout", layout, repo)
+    assert code == 0
+    assert re.fullmatch(
+        rf"indexed {len(FILES)} files \({len(FILES)} added, 0 changed, 0 removed\): \d+ chunks, "
+        rf"[\d.]+ MB written, 1 kept on disk, {layout} layout, [\d.]+ s\n",
+        err,
+    )
+    table = files_table(repo)
+    assert set(table) == set(FILES)
+    assert table["data/big.json"] == ("json", 1)
+    assert table["data/small.json"] == ("json", 0)
+    assert table["lib/shlex.py"] == ("python", 0)
+
+    for args, query in QUERIES:
+        assert search_json(capsys, repo, args, query) == disk_scan(repo, FILES, args, query), (args, query)
+
+    # Change, add and delete a file; a new index pass touches only those.
+    (repo / "lib/colorsys.py").write_text("def rgb_to_needle(r, g, b):\n    return wrap(r)\n")
+    (repo / "added.py").write_text("NEEDLE = 'wrap'\n" * 70)
+    (repo / "lib/shlex.py").unlink()
+    code, _, err = run(capsys, "index", repo)
+    assert code == 0
+    assert f"({1} added, {1} changed, {1} removed)" in err
+    assert f"{layout} layout" in err
+    paths = set(FILES) - {"lib/shlex.py"} | {"added.py"}
+    assert set(files_table(repo)) == paths
+    for args, query in QUERIES:
+        assert search_json(capsys, repo, args, query) == disk_scan(repo, paths, args, query), (args, query)
+
+    code, _, err = run(capsys, "index", repo)
+    assert "(0 added, 0 changed, 0 removed): 0 chunks" in err
+
+
+def test_switching_layout_rebuilds_the_chunks(repo, capsys):
+    run(capsys, "index", "--layout", "code_chunks", repo)
+    code, _, err = run(capsys, "index", "--layout", "compressed", repo)
+    assert f"(0 added, {len(FILES)} changed, 0 removed)" in err
+    assert "compressed layout" in err
+    assert search_json(capsys, repo, ["-i"], "NEEDLE") == disk_scan(repo, FILES, ["-i"], "NEEDLE")
+
+
+def test_text_output_like_grep(repo, capsys):
+    (repo / "ctx.txt").write_text("".join(f"line {n}{' hit' if n in (3, 5, 12) else ''}\n" for n in range(1, 16)))
+    code, out, err = run(capsys, "search", "code", "-C", "1", "--glob", "ctx.txt", "hit", repo)
+    assert code == 0
+    assert "indexed" in err  # there was no index yet: it is made first
+    assert out == (
+        "ctx.txt-2-line 2\nctx.txt:3:8:line 3 hit\nctx.txt-4-line 4\nctx.txt:5:8:line 5 hit\n"
+        "ctx.txt-6-line 6\n--\nctx.txt-11-line 11\nctx.txt:12:9:line 12 hit\nctx.txt-13-line 13\n"
+    )
+    code, out, _ = run(capsys, "search", "code", "--color", "always", "-g", "cr.txt", "needle", repo)
+    assert out == "\x1b[35mcr.txt\x1b[0m:\x1b[32m2\x1b[0m:6:beta \x1b[1;31mneedle\x1b[0m\n"
+
+
+def test_globs_and_max_count(repo, capsys):
+    run(capsys, "index", repo)
+    code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e", repo)
+    assert out == 'data/small.json:1:4:{"needle": 1, "Wrap": true}\n'
+    code, out, _ = run(capsys, "search", "code", "-m", "2", "needle", "-g", "*.json", repo)
+    assert [line.split(":")[:2] for line in out.splitlines()] == [["data/big.json", "2"], ["data/big.json", "3"], ["data/small.json", "1"]]
+    code, out, _ = run(capsys, "search", "code", "no such text anywhere", repo)
+    assert (code, out) == (1, "")
+
+
+def test_missing_chunks_make_the_search_read_the_disk(repo, capsys):
+    run(capsys, "index", "--layout", "code_chunks", repo)
+    con = sqlite3.connect(schema.index_path(repo))
+    (file_id,) = con.execute("SELECT id FROM files WHERE path = 'crlf.txt'").fetchone()
+    with con:
+        con.execute("DELETE FROM code_chunks WHERE rowid = ?", (file_id * chunk_store.CHUNK_STRIDE,))
+    con.close()
+    code, out, err = run(capsys, "search", "code", "--json", "-i", "needle", repo)
+    assert err == (
+        "velmora: read from the files on disk: 1 indexed file(s) have no chunks yet "
+        "(the next index pass parses them)\n"
+    )
+    assert [json.loads(line) for line in out.splitlines()] == disk_scan(repo, FILES, ["-i"], "needle")
+
+
+def db_digest(root: Path) -> str:
+    return hashlib.sha256(schema.index_path(root).read_bytes()).hexdigest()
+
+
+@pytest.mark.parametrize(
+    "argv, message",
+    [
+        (["search", "code", "--regex", "(unclosed", "{repo}"], "velmora: error: invalid regex '(unclosed'"),
+        (["search", "code", "x", "{repo}/nowhere"], "velmora: error: no such repository: "),
+        (["index", "{repo}/nowhere"], "velmora: error: no such repository: "),
+    ],
+)
+def test_bad_input_writes_nothing(repo, capsys, argv, message):
+    code, out, err = run(capsys, *[a.format(repo=repo) for a in argv])
+    assert (code, out) == (2, "")
+    assert err.startswith(message)
+    assert not (repo / ".velmora").exists()
+
+
+@pytest.mark.parametrize("version", ["3.2.0", "4.0.0", "2.9.1", "banana"])
+def test_an_index_of_another_schema_is_refused(repo, capsys, version):
+    run(capsys, "index", repo)
+    con = sqlite3.connect(schema.index_path(repo))
+    with con:
+        con.execute("UPDATE meta SET value = ? WHERE key = 'schema_version'", (version,))
+    con.close()
+    before = db_digest(repo)
+    for argv in (["index", repo], ["search", "code", "needle", repo]):
+        code, out, err = run(capsys, *argv)
+        assert (code, out) == (2, "")
+        assert err.startswith("velmora: error: ") and ("schema" in err or "version" in err)
+    assert db_digest(repo) == before
+
+
+def test_walk_without_git_honours_gitignore(tmp_path):
+    root = tmp_path / "plain"
+    write_tree(root, {
+        "a.py": "", "skip.log": "", "sub/.gitignore": "*.txt\n!keep.txt\n", "sub/x.txt": "",
+        "sub/keep.txt": "", "sub/deep/y.txt": "", "build/z.py": "", ".git/config": "",
+        ".gitignore": "*.log\nbuild/\n",
+    })
+    assert sorted(indexer._walk_files(root)) == [
+        ".gitignore", "a.py", "sub/.gitignore", "sub/keep.txt",
+    ]
+
+
+def test_progress_bar_only_on_a_terminal(tmp_path):
+    class Terminal:
+        def __init__(self, tty):
+            self.tty, self.text = tty, ""
+
+        def isatty(self):
+            return self.tty
+
+        def write(self, text):
+            self.text += text
+
+        def flush(self):
+            pass
+
+    for tty in (True, False):
+        stream = Terminal(tty)
+        bar = indexer.Progress(4, stream)
+        bar.update(2, force=True)
+        bar.close()
+        shown = "\rindexing [###############...............] 2/4 files" \
+            "\rindexing [##############################] 4/4 files\n"
+        assert stream.text == (shown if tty else "")
+
+
+def test_the_command_runs_as_a_program(repo):
+    done = subprocess.run(
+        [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle", str(repo)],
+        capture_output=True, text=True,
+    )
+    assert (done.returncode, done.stdout) == (0, "cr.txt:2:6:beta needle\n")

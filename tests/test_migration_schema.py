@@ -1,0 +1,109 @@
+"""An index of schema 3.0.x is migrated to 3.1.0 in one transaction, or not at all."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import sqlite3
+from pathlib import Path
+
+import pytest
+
+from velmora import cli, schema
+from velmora.storage import chunk_store, code_text
+
+STRIDE = chunk_store.CHUNK_STRIDE
+BIG_JSON = "[\n" + ",\n".join(f'  {{"id": {i}, "name": "needle {i}"}}' for i in range(1500)) + "\n]\n"
+FILES = {
+    1: ("big.json", "json", BIG_JSON),
+    2: ("small.json", "json", '{"needle": true}\n'),
+    3: ("big.py", "python", "needle = 1\n" * 4000),
+}
+
+
+def build_3_0_index(root: Path) -> sqlite3.Connection:
+    """An index as velmora 3.0 wrote it: no ``files.text_on_disk``, every file in chunks."""
+    for path, _, text in FILES.values():
+        (root / path).write_text(text)
+    db_path = schema.index_path(root)
+    db_path.parent.mkdir(parents=True)
+    con = sqlite3.connect(db_path)
+    with con:
+        con.execute(schema.META_DDL)
+        con.execute(
+            "CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, "
+            "language TEXT NOT NULL, size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, "
+            "sha1 TEXT NOT NULL)"
+        )
+        con.execute("INSERT INTO meta VALUES ('schema_version', '3.0.4')")
+        chunk_store.create_tables(con.cursor(), "code_chunks")
+        for file_id, (path, language, text) in FILES.items():
+            stat = (root / path).stat()
+            con.execute(
+                "INSERT INTO files VALUES (?, ?, ?, ?, ?, ?)",
+                (file_id, path, language, stat.st_size, stat.st_mtime_ns,
+                 hashlib.sha1(text.encode()).hexdigest()),
+            )
+            chunk_store.store_chunks(con.cursor(), "code_chunks", file_id, code_text.code_chunks(text))
+    return con
+
+
+def state(con: sqlite3.Connection):
+    columns = [row[1] for row in con.execute("PRAGMA table_info(files)")]
+    version = con.execute("SELECT value FROM meta WHERE key = 'schema_version'").fetchone()[0]
+    chunks = {
+        file_id: con.execute(
+            "SELECT COUNT(*) FROM code_chunks WHERE rowid >= ? AND rowid < ?",
+            (file_id * STRIDE, (file_id + 1) * STRIDE),
+        ).fetchone()[0]
+        for file_id in FILES
+    }
+    return version, "text_on_disk" in columns, chunks
+
+
+def test_a_3_0_index_is_migrated_and_searched(tmp_path, capsys):
+    con = build_3_0_index(tmp_path)
+    assert code_text.stored_text_bytes(BIG_JSON) > code_text.LARGE_DATA_TEXT_BYTES
+    before = state(con)
+    assert before[:2] == ("3.0.4", False) and all(before[2].values())
+
+    assert cli.main(["search", "code", "--json", "needle 1499", str(tmp_path)]) == 0
+    out, err = capsys.readouterr()
+    assert err == ""
+    assert [json.loads(line)["path"] for line in out.splitlines()] == ["big.json"]
+
+    version, has_column, chunks = state(con)
+    assert (version, has_column) == (schema.SCHEMA_VERSION, True)
+    assert chunks == {1: 0, 2: before[2][2], 3: before[2][3]}
+    assert dict(con.execute("SELECT id, text_on_disk FROM files")) == {1: 1, 2: 0, 3: 0}
+    # The migrated index keeps being updated in place.
+    assert cli.main(["index", str(tmp_path)]) == 0
+    assert "(0 added, 0 changed, 0 removed)" in capsys.readouterr().err
+
+
+def test_a_failed_migration_leaves_the_old_index_as_it_was(tmp_path, capsys):
+    con = build_3_0_index(tmp_path)
+    before = state(con)
+    # Fails after the column is added and the chunks are dropped: at the flag update.
+    with con:
+        con.execute("CREATE TRIGGER refuse BEFORE UPDATE ON files BEGIN SELECT RAISE(ABORT, 'disk full'); END")
+
+    assert cli.main(["search", "code", "needle", str(tmp_path)]) == 1
+    out, err = capsys.readouterr()
+    assert out == "" and err == "velmora: index error: disk full\n"
+    assert state(con) == before
+
+    with con:
+        con.execute("DROP TRIGGER refuse")
+    assert schema.migrate_to_3_1(schema.Database(schema.index_path(tmp_path))) == 1
+    assert state(con)[0] == schema.SCHEMA_VERSION
+
+
+@pytest.mark.parametrize("store", ["code_chunks", "compressed"])
+def test_a_new_index_records_its_version(tmp_path, store):
+    db = schema.Database(tmp_path / "index.db")
+    schema.create(db, store)
+    assert schema.get_meta(db, "schema_version") == schema.SCHEMA_VERSION
+    assert chunk_store.layout(db) == store
+    db.close()
+    schema.open_index(tmp_path / "index.db").close()
