@@ -37,3 +37,21 @@ namespace velmora::py {
 // The migration's selecting statement, for `languages` placeholders.
 PyObject* select_large_data_sql(PyObject* chunked_text_bytes_sql, Py_ssize_t languages);
 }  // namespace velmora::py
+
+namespace velmora::py {
+// The index side: what a search reads out of the index.
+extern PyMethodDef text_source_def;
+extern PyMethodDef chunk_state_def;
+extern PyMethodDef candidate_chunks_def;
+// Fills the index side's names and statements into the state.
+int init_index_side(ModuleState* state);
+PyObject* make_chunk_text_type(PyObject* module);
+// The bodies of _chunk_state, _candidate_chunks and ChunkText(...), on parsed arguments.
+PyObject* chunk_state(ModuleState* state, PyObject* db, PyObject* store);
+PyObject* candidate_chunks(ModuleState* state, PyObject* db, PyObject* store, PyObject* files,
+                           PyObject* needle, PyObject* case_sensitive);
+PyObject* new_chunk_text(ModuleState* state, PyObject* db, PyObject* store, PyObject* candidates,
+                         PyObject* disk, PyObject* on_disk);
+// store == "compressed": 1 or 0, or -1 with an error set.
+int is_compressed(ModuleState* state, PyObject* store);
+}  // namespace velmora::py

@@ -18,6 +18,17 @@ namespace velmora::py {
     X(line_matches_type)     /* the iterator line_matches returns */               \
     X(disk_text_type)        /* DiskText */                                        \
     X(chunk_text_type)       /* ChunkText */                                       \
+    X(name_fetchone)         /* names the index side calls on host objects */      \
+    X(name_fetchall)                                                               \
+    X(name_segments)                                                               \
+    X(name_lines)                                                                  \
+    X(name_compressed_table)                                                       \
+    X(name_trigram_query)                                                          \
+    X(name_matching_rows)                                                          \
+    X(name_file_rows)                                                              \
+    X(sql_candidates_like)   /* the statements of the code_chunks layout */        \
+    X(sql_candidates_all)                                                          \
+    X(sql_file_chunks)                                                             \
     X(str_line)              /* interned keys and names used on hot paths */       \
     X(str_content)                                                                 \
     X(str_compressed)                                                              \
