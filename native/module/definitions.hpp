@@ -55,3 +55,18 @@ PyObject* new_chunk_text(ModuleState* state, PyObject* db, PyObject* store, PyOb
 // store == "compressed": 1 or 0, or -1 with an error set.
 int is_compressed(ModuleState* state, PyObject* store);
 }  // namespace velmora::py
+
+namespace velmora::py {
+// The disk side: reading files, matching lines, cutting context, DiskText.
+extern PyMethodDef file_text_def;
+extern PyMethodDef lines_holding_def;
+extern PyMethodDef line_matches_def;
+extern PyMethodDef context_def;
+// Fills the disk side's names into the state.
+int intern_disk_names(ModuleState* state);
+PyObject* make_line_matches_type(PyObject* module);
+PyObject* make_disk_text_type(PyObject* module);
+// _lines_holding(path, needle, case_sensitive), reading through the module's own
+// read_bytes_no_follow.
+PyObject* lines_holding(PyObject* module, PyObject* path, PyObject* needle, PyObject* case_sensitive);
+}  // namespace velmora::py

@@ -122,16 +122,23 @@ int intern_names(ModuleState* state) {
     state->str_content = PyUnicode_InternFromString("content");
     state->str_compressed = PyUnicode_InternFromString("compressed");
     state->str_read_bytes_no_follow = PyUnicode_InternFromString("read_bytes_no_follow");
-    return state->str_line && state->str_content && state->str_compressed &&
-                   state->str_read_bytes_no_follow
-               ? 0
-               : -1;
+    if (!state->str_line || !state->str_content || !state->str_compressed ||
+        !state->str_read_bytes_no_follow) {
+        return -1;
+    }
+    return intern_disk_names(state);
 }
 
 int define_types(PyObject* module, ModuleState* state) {
     state->segment_type = make_segment_type(module);
     if (state->segment_type == nullptr ||
         PyModule_AddObjectRef(module, "Segment", state->segment_type) < 0) {
+        return -1;
+    }
+    state->line_matches_type = make_line_matches_type(module);
+    state->disk_text_type = make_disk_text_type(module);
+    if (state->line_matches_type == nullptr || state->disk_text_type == nullptr ||
+        PyModule_AddObjectRef(module, "DiskText", state->disk_text_type) < 0) {
         return -1;
     }
     return 0;
@@ -146,7 +153,8 @@ int exec_module(PyObject* module) {
         add_functions(module, {&code_chunks_def, &stored_text_bytes_def, &text_kept_on_disk_def,
                                &file_rowids_def}) < 0 ||
         define_sql(module, state) < 0 ||
-        add_functions(module, {&keep_large_data_on_disk_def, &chunk_lines_def}) < 0 ||
+        add_functions(module, {&keep_large_data_on_disk_def, &file_text_def, &lines_holding_def,
+                               &line_matches_def, &context_def, &chunk_lines_def}) < 0 ||
         define_types(module, state) < 0) {
         return -1;
     }

@@ -32,7 +32,17 @@ namespace velmora::py {
     X(str_line)              /* interned keys and names used on hot paths */       \
     X(str_content)                                                                 \
     X(str_compressed)                                                              \
-    X(str_read_bytes_no_follow)
+    X(str_read_bytes_no_follow)                                                    \
+    X(str_search)            /* names the disk side calls on host objects */       \
+    X(str_start)                                                                   \
+    X(str_lower)                                                                   \
+    X(str_find)                                                                    \
+    X(str_decode)                                                                  \
+    X(str_splitlines)                                                              \
+    X(str_load)                                                                    \
+    X(str_utf_8)                                                                   \
+    X(str_replace)                                                                 \
+    X(decode_kwnames)        /* ("errors",), for decode("utf-8", errors=...) */
 
 struct ModuleState {
 #define VELMORA_DECLARE(name) PyObject* name;
