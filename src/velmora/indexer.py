@@ -229,11 +229,11 @@ def _update(
     seen: set[str] = set()
     for start in range(0, len(paths), _BATCH_FILES):
         with db.transaction() as cursor:
-            for path in paths[start : start + _BATCH_FILES]:
+            for done, path in enumerate(paths[start : start + _BATCH_FILES], start):
                 if _index_file(cursor, root, path, known.get(path), wanted, last_run, summary):
                     seen.add(path)
-        if bar:
-            bar.update(min(start + _BATCH_FILES, len(paths)))
+                if bar:
+                    bar.update(done + 1)
     with db.transaction() as cursor:
         for path, (file_id, *_) in known.items():
             if path not in seen:

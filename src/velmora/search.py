@@ -59,10 +59,6 @@ class Hit:
     column: int
     context: list[dict[str, Any]]
 
-    @property
-    def text(self) -> str:
-        return next(r["content"] for r in self.context if r["line"] == self.line)
-
 
 def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
     """The indexed files, by path, that match the globs ("!" before a glob excludes)."""
