@@ -65,12 +65,13 @@ def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.File
     rows = db.fetchall("SELECT id, path, language, sha1 FROM files ORDER BY path")
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
-    wanted = pathspec.GitIgnoreSpec.from_lines(include) if include else None
-    unwanted = pathspec.GitIgnoreSpec.from_lines(exclude)
-    return [
-        row for row in rows
-        if (wanted is None or wanted.match_file(row[1])) and not unwanted.match_file(row[1])
-    ]
+    if include:
+        wanted = pathspec.GitIgnoreSpec.from_lines(include)
+        rows = [row for row in rows if wanted.match_file(row[1])]
+    if exclude:
+        unwanted = pathspec.GitIgnoreSpec.from_lines(exclude)
+        rows = [row for row in rows if not unwanted.match_file(row[1])]
+    return rows
 
 
 def search(
@@ -102,7 +103,7 @@ def _file_hits(
     for segment in source.segments(file_id, path):
         end = segment.first + len(segment.lines) - 1
         for number, column in code_text.line_matches(
-            segment.lines, query.needle, query.pattern, query.case_sensitive
+            segment.lines, query.needle or "", query.pattern, query.case_sensitive
         ):
             if max_count is not None and len(hits) >= max_count:
                 return hits
