@@ -126,7 +126,7 @@ int intern_names(ModuleState* state) {
         !state->str_read_bytes_no_follow) {
         return -1;
     }
-    return intern_disk_names(state);
+    return intern_disk_names(state) < 0 ? -1 : init_index_side(state);
 }
 
 int define_types(PyObject* module, ModuleState* state) {
@@ -139,6 +139,11 @@ int define_types(PyObject* module, ModuleState* state) {
     state->disk_text_type = make_disk_text_type(module);
     if (state->line_matches_type == nullptr || state->disk_text_type == nullptr ||
         PyModule_AddObjectRef(module, "DiskText", state->disk_text_type) < 0) {
+        return -1;
+    }
+    state->chunk_text_type = make_chunk_text_type(module);
+    if (state->chunk_text_type == nullptr ||
+        PyModule_AddObjectRef(module, "ChunkText", state->chunk_text_type) < 0) {
         return -1;
     }
     return 0;
@@ -155,7 +160,8 @@ int exec_module(PyObject* module) {
         define_sql(module, state) < 0 ||
         add_functions(module, {&keep_large_data_on_disk_def, &file_text_def, &lines_holding_def,
                                &line_matches_def, &context_def, &chunk_lines_def}) < 0 ||
-        define_types(module, state) < 0) {
+        define_types(module, state) < 0 ||
+        add_functions(module, {&text_source_def, &chunk_state_def, &candidate_chunks_def}) < 0) {
         return -1;
     }
     return 0;
