@@ -5,6 +5,8 @@ import sqlite3
 from pathlib import Path
 from typing import Any, Collection, Iterator, NamedTuple, Sequence, TypeAlias
 
+from typing_extensions import disjoint_base
+
 from velmora.db import Database
 from velmora.storage import chunk_store as chunk_store
 from velmora.storage.chunk_store import Layout as Layout
@@ -49,6 +51,7 @@ class DiskText:
     def lines(self, file_id: int, path: str) -> list[str]: ...
     def _load(self, file_id: int, path: str) -> list[str] | None: ...
 
+@disjoint_base
 class ChunkText:
     _db: Database
     _store: Layout
