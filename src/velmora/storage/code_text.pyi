@@ -41,6 +41,7 @@ class Segment(NamedTuple):
     lines: list[str]
     last: bool
 
+@disjoint_base
 class DiskText:
     _root: Path
     _needle: str | None
