@@ -137,7 +137,7 @@ def chunked(text):
     return [(i + 1, min(i + 3, len(lines)), "\n".join(lines[i : i + 3])) for i in range(0, len(lines), 3)]
 
 
-@settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(stores_and_needles())
 def test_matching_rows_is_a_superset_of_the_chunks_holding_the_needle(case):
     texts, needle = case
