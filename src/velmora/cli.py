@@ -10,7 +10,7 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import TextIO
 
-from velmora import indexer, schema
+from velmora import schema
 from velmora.search import Hit, Query, QueryError, search, select_files
 
 _PATH, _NUMBER, _MATCH, _RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
@@ -94,6 +94,8 @@ def _repo(text: str | None) -> Path:
 
 
 def _index(args: argparse.Namespace) -> int:
+    from velmora import indexer
+
     root = _repo(args.repo)
     store = None if args.layout == "auto" else args.layout
     print(indexer.index(root, store).line(), file=sys.stderr)
@@ -106,6 +108,9 @@ def _search(args: argparse.Namespace) -> int:
     root = _repo(args.repo)
     db_path = schema.index_path(root)
     if not db_path.exists():
+        # Imported only here: a search of an existing index starts faster without it.
+        from velmora import indexer
+
         print(indexer.index(root).line(), file=sys.stderr)
     db = schema.open_index(db_path)
     try:

@@ -4,10 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Iterator, Sequence
-from dataclasses import dataclass
-from typing import Any
-
-import pathspec
+from typing import Any, NamedTuple
 
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
@@ -17,8 +14,7 @@ class QueryError(ValueError):
     """The query cannot be searched for (an invalid regex, say)."""
 
 
-@dataclass(frozen=True)
-class Query:
+class Query(NamedTuple):
     """What to look for, in the shape the text module takes it."""
 
     needle: str | None  # a plain search's text, lower-case when case is ignored
@@ -51,8 +47,7 @@ class Query:
         return column, column + len(self.needle)
 
 
-@dataclass(frozen=True)
-class Hit:
+class Hit(NamedTuple):
     """One matching line: its number, the 0-based column of the match, and its context."""
 
     line: int
@@ -65,6 +60,9 @@ def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.File
     rows = db.fetchall("SELECT id, path, language, sha1 FROM files ORDER BY path")
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
+    if globs:
+        # Imported here: it costs more start-up time than a selective search takes.
+        import pathspec
     if include:
         wanted = pathspec.GitIgnoreSpec.from_lines(include)
         rows = [row for row in rows if wanted.match_file(row[1])]
