@@ -88,14 +88,6 @@ def test_compressed_rows_and_file_rows(tmp_path, sqlite):
 
 
 @pytest.mark.parametrize(
-    "needle, query",
-    [("ab", None), ("", None), ("abc", '"abc"'), ('say "hi"', '"say ""hi"""'), ("a OR b*", '"a OR b*"')],
-)
-def test_trigram_query(needle, query):
-    assert chunk_store.trigram_query(needle) == query
-
-
-@pytest.mark.parametrize(
     "needle, chunk_ids",
     [
         ("hello_world", {STRIDE}),  # case folded
@@ -184,9 +176,3 @@ def test_drop_chunks_forgets_the_file_and_only_it(tmp_path, sqlite, store):
         assert chunk_ids("fresh") == set()
     else:
         assert db.fetchall("SELECT rowid FROM code_chunks ORDER BY rowid") == [(2 * STRIDE,), (3 * STRIDE,)]
-
-
-def test_delete_uses_the_deletion_this_sqlite_offers(tmp_path, sqlite):
-    db = make_db(sqlite, tmp_path / "i.db", "compressed")
-    (ddl,) = db.fetchone(f"SELECT sql FROM sqlite_master WHERE name = '{chunk_store.TRIGRAM_TABLE}'")
-    assert ("contentless_delete" in ddl) == (sqlite.sqlite_version_info >= (3, 43))

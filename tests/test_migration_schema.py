@@ -7,8 +7,6 @@ import json
 import sqlite3
 from pathlib import Path
 
-import pytest
-
 from velmora import cli, schema
 from velmora.storage import chunk_store, code_text
 
@@ -97,13 +95,3 @@ def test_a_failed_migration_leaves_the_old_index_as_it_was(tmp_path, capsys):
         con.execute("DROP TRIGGER refuse")
     assert schema.migrate_to_3_1(schema.Database(schema.index_path(tmp_path))) == 1
     assert state(con)[0] == schema.SCHEMA_VERSION
-
-
-@pytest.mark.parametrize("store", ["code_chunks", "compressed"])
-def test_a_new_index_records_its_version(tmp_path, store):
-    db = schema.Database(tmp_path / "index.db")
-    schema.create(db, store)
-    assert schema.get_meta(db, "schema_version") == schema.SCHEMA_VERSION
-    assert chunk_store.layout(db) == store
-    db.close()
-    schema.open_index(tmp_path / "index.db").close()
