@@ -79,6 +79,42 @@ def test_regex_matches_the_model(lines: list[str], pattern: re.Pattern[str], nee
     )
 
 
+REGEX_LINES = ["def f(self):", "    def g(self, x):", "DEF H(SELF)", "self.def", "", "(self",
+               "a\u0130\u212ab", "caf\u00e9 \U0001f600 k", "x" * 40 + "def y(self" + "x" * 40, "\u212a"]
+
+
+@pytest.mark.parametrize(
+    "source",
+    [
+        r"def \w+\(self", r"(?i)def \w+\(self", r"(?<=def )\w+", r"\Adef", r"self$", r"(?x) d e f",
+        r"k|\u212a", r"\u212a", r"(?i)k", r"caf\u00e9 \U0001f600", r"x*", r"(self)", r"se(?i:LF)",
+        r"[s]elf", r"\(self", r"a\u0130", r"^$", r"(?s).", r"\bdef\b",
+    ],
+)
+def test_regexes_with_literals_match_the_model(source: str) -> None:
+    pattern = re.compile(source)
+    for lines in (REGEX_LINES, [line.upper() for line in REGEX_LINES], REGEX_LINES[::-1]):
+        assert list(native.line_matches(lines, None, pattern, True)) == list(
+            model.line_matches(lines, None, pattern, True)
+        )
+
+
+def test_a_bytes_pattern_still_fails_on_str_lines() -> None:
+    for impl in (native, model):
+        found = impl.line_matches(["abc", "xyz"], None, re.compile(b"xyz"), True)
+        with pytest.raises(TypeError, match="cannot use a bytes pattern on a string-like object"):
+            next(found)
+
+
+def test_many_patterns() -> None:
+    lines = [f"line {n} holds {n * 7}" for n in range(50)]
+    for n in range(600):
+        pattern = re.compile(f"holds {n}")
+        assert list(native.line_matches(lines, None, pattern, True)) == list(
+            model.line_matches(lines, None, pattern, True)
+        )
+
+
 BIG = [2**31, 2**62, 2**63 - 1, 2**63, 2**64, 10**30]
 INTEGERS = st.one_of(st.integers(-8, 12), st.sampled_from(BIG + [-b for b in BIG]), st.integers())
 

@@ -36,7 +36,7 @@ inline bool matches_at(const Char* at, const uint8_t* needle, size_t m) noexcept
     return true;
 }
 
-// The generic scan: the first code point is tested before the rest.
+// The plain scan: the first code point is tested before the rest.
 template <class Char>
 size_t scan(const Char* text, size_t size, const uint8_t* needle, size_t m) noexcept {
     const uint8_t first = needle[0];
@@ -61,43 +61,69 @@ struct ByteProbe {
     }
 };
 
-// Bytes, sixteen candidates at a time: a candidate must have the needle's first byte at
-// its start and its last byte at its end; the bytes between are compared only then.
-size_t scan_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_t m) noexcept {
-    if (size < m) return kNotFound;
-    const ByteProbe head(needle[0]);
-    const ByteProbe tail(needle[m - 1]);
-    const size_t last_start = size - m;  // the last index where a match can begin
-    size_t p = 0;
-    while (p + 16 <= last_start + 1) {
-        unsigned mask = head.hits(text + p) & tail.hits(text + p + m - 1);
-        while (mask != 0) {
-            const size_t at = p + static_cast<size_t>(__builtin_ctz(mask));
-            if (matches_at(text + at, needle, m)) return at;
-            mask &= mask - 1;
-        }
-        p += 16;
-    }
-    for (; p <= last_start; ++p) {
-        if (matches_at(text + p, needle, m)) return p;
+// Texts this short are searched in a zero-padded copy, so that one block covers them.
+constexpr size_t kShort = 48;
+
+// The first candidate of `mask` (bit i: a start at base + i whose first and last bytes
+// fold right) at which the bytes between fold right too.
+size_t first_verified(const uint8_t* text, size_t base, unsigned mask, const uint8_t* needle,
+                      size_t m) noexcept {
+    while (mask != 0) {
+        const size_t at = base + static_cast<size_t>(__builtin_ctz(mask));
+        bool same = true;
+        for (size_t i = 1; i + 1 < m && same; ++i) same = fold_ascii(text[at + i]) == needle[i];
+        if (same) return at;
+        mask &= mask - 1;
     }
     return kNotFound;
+}
+
+// Bytes, sixteen candidate starts at a time: a candidate must have the needle's first
+// byte at its start and its last byte at its end; the bytes between are compared only
+// then. Every load lies inside the text: the last block is moved back to end with it
+// (the starts it repeats are masked off), and a text shorter than a block is copied.
+size_t scan_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_t m) noexcept {
+    if (size < m) return kNotFound;
+    const size_t starts = size - m + 1;
+    const ByteProbe head(needle[0]);
+    const ByteProbe tail(needle[m - 1]);
+    if (starts < 16) {
+        if (size > kShort) return scan(text, size, needle, m);
+        alignas(16) uint8_t copy[kShort + 16] = {};
+        std::memcpy(copy, text, size);
+        const unsigned mask = head.hits(copy) & tail.hits(copy + m - 1) & ((1u << starts) - 1);
+        return first_verified(text, 0, mask, needle, m);
+    }
+    size_t p = 0;
+    for (; p + 16 <= starts; p += 16) {
+        const unsigned mask = head.hits(text + p) & tail.hits(text + p + m - 1);
+        const size_t at = first_verified(text, p, mask, needle, m);
+        if (at != kNotFound) return at;
+    }
+    if (p == starts) return kNotFound;
+    const size_t back = starts - 16;
+    const unsigned skip = static_cast<unsigned>(p - back);
+    const unsigned mask = head.hits(text + back) & tail.hits(text + back + m - 1);
+    return first_verified(text, back, (mask >> skip) << skip, needle, m);
 }
 #endif
 
 }  // namespace
 
+FoldedNeedle fold_needle(const uint8_t* bytes, size_t size) noexcept {
+    bool matchable = true;
+    for (size_t i = 0; i < size; ++i) matchable = matchable && !is_upper(bytes[i]);
+    return {bytes, size, matchable};
+}
+
 template <class Char>
-size_t find_ascii_folded(const Char* text, size_t size, const uint8_t* needle,
-                         size_t needle_size) noexcept {
-    if (needle_size == 0) return 0;
-    for (size_t i = 0; i < needle_size; ++i) {
-        if (is_upper(needle[i])) return kNotFound;
-    }
+size_t find_folded(const Char* text, size_t size, const FoldedNeedle& needle) noexcept {
+    if (needle.size == 0) return 0;
+    if (!needle.matchable) return kNotFound;
 #if defined(__SSE2__)
-    if constexpr (sizeof(Char) == 1) return scan_bytes(text, size, needle, needle_size);
+    if constexpr (sizeof(Char) == 1) return scan_bytes(text, size, needle.bytes, needle.size);
 #endif
-    return scan(text, size, needle, needle_size);
+    return scan(text, size, needle.bytes, needle.size);
 }
 
 template <class Char>
@@ -119,28 +145,24 @@ bool needle_has_foreign_folds(const uint8_t* needle, size_t needle_size) noexcep
 
 bool utf8_holds_foreign_folds(const uint8_t* bytes, size_t size) noexcept {
     // Each encoding starts with a lead byte that the rest of it does not repeat: find the
-    // leads, keeping the next one of each kind so the text is swept once per kind.
+    // leads, one sweep of the text for each kind.
     const uint8_t* end = bytes + size;
     const auto next = [end](const uint8_t* from, uint8_t lead) {
         const void* hit = from < end ? std::memchr(from, lead, static_cast<size_t>(end - from)) : nullptr;
         return hit ? static_cast<const uint8_t*>(hit) : end;
     };
-    const uint8_t* e2 = next(bytes, 0xE2);
-    while (e2 < end) {
+    for (const uint8_t* e2 = next(bytes, 0xE2); e2 < end; e2 = next(e2 + 1, 0xE2)) {
         if (end - e2 >= 3 && e2[1] == 0x84 && e2[2] == 0xAA) return true;
-        e2 = next(e2 + 1, 0xE2);
     }
-    const uint8_t* c4 = next(bytes, 0xC4);
-    while (c4 < end) {
+    for (const uint8_t* c4 = next(bytes, 0xC4); c4 < end; c4 = next(c4 + 1, 0xC4)) {
         if (end - c4 >= 2 && c4[1] == 0xB0) return true;
-        c4 = next(c4 + 1, 0xC4);
     }
     return false;
 }
 
-template size_t find_ascii_folded<uint8_t>(const uint8_t*, size_t, const uint8_t*, size_t) noexcept;
-template size_t find_ascii_folded<uint16_t>(const uint16_t*, size_t, const uint8_t*, size_t) noexcept;
-template size_t find_ascii_folded<uint32_t>(const uint32_t*, size_t, const uint8_t*, size_t) noexcept;
+template size_t find_folded<uint8_t>(const uint8_t*, size_t, const FoldedNeedle&) noexcept;
+template size_t find_folded<uint16_t>(const uint16_t*, size_t, const FoldedNeedle&) noexcept;
+template size_t find_folded<uint32_t>(const uint32_t*, size_t, const FoldedNeedle&) noexcept;
 template size_t folded_index<uint8_t>(const uint8_t*, size_t) noexcept;
 template size_t folded_index<uint16_t>(const uint16_t*, size_t) noexcept;
 template size_t folded_index<uint32_t>(const uint32_t*, size_t) noexcept;

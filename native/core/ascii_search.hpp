@@ -29,12 +29,27 @@ namespace velmora::core {
 
 inline constexpr size_t kNotFound = SIZE_MAX;
 
-// Index in `text` of the first code point of the first case-ignoring match of the ASCII
-// `needle`, or kNotFound. An empty needle matches at 0. A needle holding an upper-case
-// ASCII letter never matches (a lower-cased text holds none).
+// An ASCII needle made ready once for the many lines it is looked for in. It points into
+// the caller's bytes, which must outlive it.
+struct FoldedNeedle {
+    const uint8_t* bytes;
+    size_t size;
+    bool matchable;  // false when it holds an upper-case letter: a lower-cased text has none
+};
+
+FoldedNeedle fold_needle(const uint8_t* bytes, size_t size) noexcept;
+
+// Index in `text` of the first code point of the first case-ignoring match of `needle`,
+// or kNotFound. An empty needle matches at 0.
+template <class Char>
+size_t find_folded(const Char* text, size_t size, const FoldedNeedle& needle) noexcept;
+
+// The same for a needle used once.
 template <class Char>
 size_t find_ascii_folded(const Char* text, size_t size, const uint8_t* needle,
-                         size_t needle_size) noexcept;
+                         size_t needle_size) noexcept {
+    return find_folded(text, size, fold_needle(needle, needle_size));
+}
 
 // Where the code point at `index` of `text` lands in the lower-cased text: `index` plus
 // the U+0130 before it.

@@ -42,7 +42,9 @@ namespace velmora::py {
     X(str_load)                                                                    \
     X(str_utf_8)                                                                   \
     X(str_replace)                                                                 \
-    X(decode_kwnames)        /* ("errors",), for decode("utf-8", errors=...) */
+    X(decode_kwnames)        /* ("errors",), for decode("utf-8", errors=...) */    \
+    X(regex_tools)           /* (re.Pattern, re._parser.parse, LITERAL) */         \
+    X(regex_literals)        /* {pattern: text every match holds, or None} */
 
 struct ModuleState {
 #define VELMORA_DECLARE(name) PyObject* name;
