@@ -209,14 +209,16 @@ def _update(
 ) -> Summary:
     current = chunk_store.layout(db)
     wanted = store or current or default_layout()
-    if current != wanted:
-        with db.transaction() as cursor:
+    with db.transaction() as cursor:
+        # A new index, or one converted to another layout, is loaded whole.
+        bulk = current != wanted or not cursor.execute("SELECT 1 FROM files").fetchone()
+        if current != wanted:
             chunk_store.drop_tables(cursor)
             chunk_store.create_tables(cursor, wanted)
             # Every file is parsed again into the new layout; a size of -1 never matches.
             cursor.execute("UPDATE files SET size = -1, text_on_disk = 0")
+        chunk_store.set_bulk_load(cursor, wanted, bulk)
     last_run = int(schema.get_meta(db, "last_run_ns") or 0)
-
     known = {
         path: (file_id, size, mtime_ns, sha1)
         for file_id, path, size, mtime_ns, sha1 in db.fetchall(
@@ -241,6 +243,9 @@ def _update(
                 cursor.execute("DELETE FROM files WHERE id = ?", (file_id,))
                 summary.removed += 1
         schema.set_meta(cursor, "last_run_ns", str(run_ns))
+        if bulk:
+            chunk_store.optimize(cursor, wanted)
+            chunk_store.set_bulk_load(cursor, wanted, False)
     if bar:
         bar.close()
     summary.files, summary.on_disk = db.fetchall(

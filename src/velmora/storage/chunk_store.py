@@ -144,10 +144,25 @@ def drop_chunks(cursor: sqlite3.Cursor, store: Layout, file_id: int) -> None:
     cursor.execute(f"DELETE FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end))
 
 
+def set_bulk_load(cursor: sqlite3.Cursor, store: Layout, bulk: bool) -> None:
+    """Pause the trigram index's incremental merges for a bulk load, or resume them.
+
+    Merging once at the end (``optimize``) costs far less than merging all along.
+    """
+    table = _fts_table(store)
+    cursor.execute(
+        f"INSERT INTO {table} ({table}, rank) VALUES ('automerge', ?)", (0 if bulk else 4,)
+    )
+
+
 def optimize(cursor: sqlite3.Cursor, store: Layout) -> None:
-    """Merge the trigram index into one b-tree (faster queries after a large write)."""
-    table = TRIGRAM_TABLE if store == "compressed" else "code_chunks"
+    """Merge the trigram index into one b-tree."""
+    table = _fts_table(store)
     cursor.execute(f"INSERT INTO {table} ({table}) VALUES ('optimize')")
+
+
+def _fts_table(store: Layout) -> str:
+    return TRIGRAM_TABLE if store == "compressed" else "code_chunks"
 
 
 # -- reader side ----------------------------------------------------------------------
