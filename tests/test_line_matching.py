@@ -70,6 +70,22 @@ def test_plain_matches_the_model(lines: list[str], choice: Any, case_sensitive: 
     assert all(type(number) is int and type(column) is int for number, column in got)
 
 
+@settings(max_examples=600)
+@given(lines=st.lists(st.text(alphabet="abAB", max_size=100) | st.text(alphabet="abkiKI\u212a\u0130\u00e9", max_size=70),
+                      max_size=4),
+       choice=st.data())
+def test_long_lines_match_the_model(lines: list[str], choice: Any) -> None:
+    # Long enough for the scan's whole blocks, its moved-back last block and short copies.
+    text = "".join(lines).lower()
+    start = choice.draw(st.integers(0, len(text)))
+    needle = choice.draw(st.one_of(st.just(text[start:start + choice.draw(st.integers(1, 20))]),
+                                   st.text(alphabet="abki", min_size=1, max_size=20)))
+    for case_sensitive in (False, True):
+        assert list(native.line_matches(lines, needle, None, case_sensitive)) == list(
+            model.line_matches(lines, needle, None, case_sensitive)
+        )
+
+
 @settings(SLOW_DATA, max_examples=250)
 @given(lines=matching_lines(), pattern=patterns(), needle=st.one_of(st.none(), st.text(max_size=2)),
        case_sensitive=st.booleans())
