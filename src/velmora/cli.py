@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import os
 import sqlite3
 import sys
 from collections.abc import Sequence
@@ -40,9 +41,9 @@ def main(argv: Sequence[str] | None = None) -> int:
     except KeyboardInterrupt:
         return 130
     except BrokenPipeError:
-        # The reader went away (``| head``): stop quietly, and keep Python from
-        # complaining about the closed pipe at exit.
-        sys.stderr.close()
+        # The reader went away (``| head``): stop quietly, and point stdout at /dev/null so
+        # that flushing it at exit does not fail again.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 0
 
 
