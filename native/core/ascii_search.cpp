@@ -48,13 +48,14 @@ size_t scan(const Char* text, size_t size, const uint8_t* needle, size_t m) noex
 }
 
 #if defined(__SSE2__)
-// A byte x folds to `c` exactly when (x | bit) == c, bit being 0x20 for a lower-case
-// letter (its upper case differs in that bit alone) and 0 for anything else.
+// A byte x stands for `c` exactly when (x | bit) == c: bit is 0x20 for a lower-case
+// letter of a case-ignoring search (its upper case differs in that bit alone), else 0.
 struct ByteProbe {
     __m128i bit;
     __m128i value;
-    explicit ByteProbe(uint8_t c) noexcept
-        : bit(_mm_set1_epi8(is_lower(c) ? 0x20 : 0)), value(_mm_set1_epi8(static_cast<char>(c))) {}
+    ByteProbe(uint8_t c, bool folded) noexcept
+        : bit(_mm_set1_epi8(folded && is_lower(c) ? 0x20 : 0)),
+          value(_mm_set1_epi8(static_cast<char>(c))) {}
     unsigned hits(const uint8_t* at) const noexcept {
         const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
         return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_or_si128(x, bit), value)));
@@ -65,13 +66,18 @@ struct ByteProbe {
 constexpr size_t kShort = 48;
 
 // The first candidate of `mask` (bit i: a start at base + i whose first and last bytes
-// fold right) at which the bytes between fold right too.
+// are right) at which the bytes between are right too.
+template <bool Folded>
 size_t first_verified(const uint8_t* text, size_t base, unsigned mask, const uint8_t* needle,
                       size_t m) noexcept {
     while (mask != 0) {
         const size_t at = base + static_cast<size_t>(__builtin_ctz(mask));
         bool same = true;
-        for (size_t i = 1; i + 1 < m && same; ++i) same = fold_ascii(text[at + i]) == needle[i];
+        if constexpr (Folded) {
+            for (size_t i = 1; i + 1 < m && same; ++i) same = fold_ascii(text[at + i]) == needle[i];
+        } else {
+            same = m <= 2 || std::memcmp(text + at + 1, needle + 1, m - 2) == 0;
+        }
         if (same) return at;
         mask &= mask - 1;
     }
@@ -82,29 +88,37 @@ size_t first_verified(const uint8_t* text, size_t base, unsigned mask, const uin
 // byte at its start and its last byte at its end; the bytes between are compared only
 // then. Every load lies inside the text: the last block is moved back to end with it
 // (the starts it repeats are masked off), and a text shorter than a block is copied.
+template <bool Folded>
 size_t scan_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_t m) noexcept {
     if (size < m) return kNotFound;
     const size_t starts = size - m + 1;
-    const ByteProbe head(needle[0]);
-    const ByteProbe tail(needle[m - 1]);
+    const ByteProbe head(needle[0], Folded);
+    const ByteProbe tail(needle[m - 1], Folded);
     if (starts < 16) {
-        if (size > kShort) return scan(text, size, needle, m);
+        if (size > kShort) {
+            if constexpr (Folded) {
+                return scan(text, size, needle, m);
+            } else {
+                const void* hit = memmem(text, size, needle, m);
+                return hit ? static_cast<size_t>(static_cast<const uint8_t*>(hit) - text) : kNotFound;
+            }
+        }
         alignas(16) uint8_t copy[kShort + 16] = {};
         std::memcpy(copy, text, size);
         const unsigned mask = head.hits(copy) & tail.hits(copy + m - 1) & ((1u << starts) - 1);
-        return first_verified(text, 0, mask, needle, m);
+        return first_verified<Folded>(text, 0, mask, needle, m);
     }
     size_t p = 0;
     for (; p + 16 <= starts; p += 16) {
         const unsigned mask = head.hits(text + p) & tail.hits(text + p + m - 1);
-        const size_t at = first_verified(text, p, mask, needle, m);
+        const size_t at = first_verified<Folded>(text, p, mask, needle, m);
         if (at != kNotFound) return at;
     }
     if (p == starts) return kNotFound;
     const size_t back = starts - 16;
     const unsigned skip = static_cast<unsigned>(p - back);
     const unsigned mask = head.hits(text + back) & tail.hits(text + back + m - 1);
-    return first_verified(text, back, (mask >> skip) << skip, needle, m);
+    return first_verified<Folded>(text, back, (mask >> skip) << skip, needle, m);
 }
 #endif
 
@@ -121,9 +135,19 @@ size_t find_folded(const Char* text, size_t size, const FoldedNeedle& needle) no
     if (needle.size == 0) return 0;
     if (!needle.matchable) return kNotFound;
 #if defined(__SSE2__)
-    if constexpr (sizeof(Char) == 1) return scan_bytes(text, size, needle.bytes, needle.size);
+    if constexpr (sizeof(Char) == 1) return scan_bytes<true>(text, size, needle.bytes, needle.size);
 #endif
     return scan(text, size, needle.bytes, needle.size);
+}
+
+size_t find_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_t needle_size) noexcept {
+    if (needle_size == 0) return 0;
+#if defined(__SSE2__)
+    return scan_bytes<false>(text, size, needle, needle_size);
+#else
+    const void* hit = memmem(text, size, needle, needle_size);
+    return hit ? static_cast<size_t>(static_cast<const uint8_t*>(hit) - text) : kNotFound;
+#endif
 }
 
 template <class Char>

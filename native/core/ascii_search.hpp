@@ -51,6 +51,11 @@ size_t find_ascii_folded(const Char* text, size_t size, const uint8_t* needle,
     return find_folded(text, size, fold_needle(needle, needle_size));
 }
 
+// Index of the first occurrence of `needle` in `text`, both one byte per code point (as
+// str.find gives it over ASCII or Latin-1 text), or kNotFound; an empty needle is at 0.
+// The exact search of the same scan, for the short lines a search runs over.
+size_t find_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_t needle_size) noexcept;
+
 // Where the code point at `index` of `text` lands in the lower-cased text: `index` plus
 // the U+0130 before it.
 template <class Char>

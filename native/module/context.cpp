@@ -94,6 +94,12 @@ PyObject* context(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         if (!clip_big(first.get(), last.get(), start.get(), size, big_low, range)) return nullptr;
     }
 
+    if (listed && range.offset + range.count <= PyList_GET_SIZE(lines)) {
+        // The lines are usually cold: ask for all of them at once rather than one by one.
+        for (Py_ssize_t k = 0; k < range.count; ++k) {
+            __builtin_prefetch(PyList_GET_ITEM(lines, range.offset + k), 1);
+        }
+    }
     ModuleState* state = module_state(module);
     Owned records(PyList_New(range.count));
     if (!records) return nullptr;

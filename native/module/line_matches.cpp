@@ -112,10 +112,9 @@ Outcome found_at(Py_ssize_t at, Owned& column) {
 // str.find(needle) on two ready strs, calling no host code: >= 0, -1, or -2 on an error.
 Py_ssize_t find_exact(PyObject* line, PyObject* needle) {
     if (PyUnicode_KIND(line) == PyUnicode_1BYTE_KIND && PyUnicode_KIND(needle) == PyUnicode_1BYTE_KIND) {
-        const auto* data = static_cast<const char*>(PyUnicode_DATA(line));
-        const void* hit = memmem(data, static_cast<size_t>(PyUnicode_GET_LENGTH(line)),
-                                 PyUnicode_DATA(needle), static_cast<size_t>(PyUnicode_GET_LENGTH(needle)));
-        return hit ? static_cast<const char*>(hit) - data : -1;
+        const size_t at = core::find_bytes(PyUnicode_1BYTE_DATA(line), static_cast<size_t>(PyUnicode_GET_LENGTH(line)),
+                                           PyUnicode_1BYTE_DATA(needle), static_cast<size_t>(PyUnicode_GET_LENGTH(needle)));
+        return at == core::kNotFound ? -1 : static_cast<Py_ssize_t>(at);
     }
     return PyUnicode_Find(line, needle, 0, PY_SSIZE_T_MAX, 1);
 }
