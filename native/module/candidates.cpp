@@ -26,11 +26,28 @@ class Searched {
             Owned id(first_of(row.get()));
             if (!id || PySet_Add(set_.get(), id.get()) < 0) return false;
         }
-        if (PyErr_Occurred()) return false;
-        return index_ints();
+        return !PyErr_Occurred();
     }
 
     PyObject* set() const { return set_.get(); }
+
+    // Takes the ints of the set for int64 lookups; done once the rows are asked for, as
+    // chunk_store is handed the set itself.
+    bool index_ints() {
+        Owned iterator(PyObject_GetIter(set_.get()));
+        if (!iterator) return false;
+        ints_.reserve(static_cast<size_t>(PySet_GET_SIZE(set_.get())));
+        while (Owned member{PyIter_Next(iterator.get())}) {
+            // An int subclass may compare in its own way: leave those to the set.
+            if (!PyLong_CheckExact(member.get()) && !PyBool_Check(member.get())) return true;
+            int overflow = 0;
+            const long long value = PyLong_AsLongLongAndOverflow(member.get(), &overflow);
+            if (!overflow) ints_.insert(value);  // a larger id never equals an int64 one
+        }
+        if (PyErr_Occurred()) return false;
+        all_ints_ = true;
+        return true;
+    }
 
     // 1 or 0, or -1 with an error set.
     int contains(int64_t file_id) const {
@@ -47,22 +64,6 @@ class Searched {
         }
         Owned zero(PyLong_FromLong(0));
         return zero ? PyObject_GetItem(row, zero.get()) : nullptr;
-    }
-
-    bool index_ints() {
-        Owned iterator(PyObject_GetIter(set_.get()));
-        if (!iterator) return false;
-        ints_.reserve(static_cast<size_t>(PySet_GET_SIZE(set_.get())));
-        while (Owned member{PyIter_Next(iterator.get())}) {
-            // An int subclass may compare in its own way: leave those to the set.
-            if (!PyLong_CheckExact(member.get()) && !PyBool_Check(member.get())) return true;
-            int overflow = 0;
-            const long long value = PyLong_AsLongLongAndOverflow(member.get(), &overflow);
-            if (!overflow) ints_.insert(value);  // a larger id never equals an int64 one
-        }
-        if (PyErr_Occurred()) return false;
-        all_ints_ = true;
-        return true;
     }
 
     Owned set_;
@@ -355,7 +356,7 @@ PyObject* candidate_chunks(ModuleState* state, PyObject* db, PyObject* store, Py
         const int narrow = narrows(needle, case_sensitive);
         if (narrow < 0) return nullptr;
         Owned rows(fetch_rows(state, db, store, searched.set(), needle, narrow != 0));
-        if (!rows) return nullptr;
+        if (!rows || !searched.index_ints()) return nullptr;
         Found found;
         if (!take_rows(state, searched, found, rows.get())) return nullptr;
         return found.result();
