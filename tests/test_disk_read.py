@@ -150,6 +150,17 @@ def test_case_sensitive_over_bad_bytes(data: bytes, needle: str) -> None:
         assert native._lines_holding("f", needle, True) == model._lines_holding("f", needle, True)
 
 
+@pytest.mark.parametrize("tail", ["axb", "ayb", "\u00e9axb"])
+def test_many_false_starts(tail: str) -> None:
+    # Every third byte could start the needle: the scan hands over to the C library's.
+    data = ("ayb" * 5000 + tail).encode()
+    with reading({"f": data}):
+        for needle in ("axb", "ayb" * 3 + "axb", "b" + "ayb" * 40 + "x"):
+            assert native._lines_holding("f", needle, True) == model._lines_holding("f", needle, True)
+    lines = [data.decode()] * 2
+    assert list(native.line_matches(lines, "axb", None, True)) == list(model.line_matches(lines, "axb", None, True))
+
+
 def test_read_through_the_module_name_at_each_call() -> None:
     with reading({"p": b"a\nb"}) as (ours, _):
         assert native._file_text("p") == "a\nb"

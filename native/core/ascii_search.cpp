@@ -109,8 +109,18 @@ size_t scan_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_
         return first_verified<Folded>(text, 0, mask, needle, m);
     }
     size_t p = 0;
+    size_t candidates = 0;
     for (; p + 16 <= starts; p += 16) {
         const unsigned mask = head.hits(text + p) & tail.hits(text + p + m - 1);
+        if constexpr (!Folded) {
+            // Too many false starts (a needle of common bytes over a long text): the rest
+            // goes to the C library's search, which keeps to linear time.
+            candidates += static_cast<size_t>(__builtin_popcount(mask));
+            if (candidates > 64 + p / 4) {
+                const void* hit = memmem(text + p, size - p, needle, m);
+                return hit ? static_cast<size_t>(static_cast<const uint8_t*>(hit) - text) : kNotFound;
+            }
+        }
         const size_t at = first_verified<Folded>(text, p, mask, needle, m);
         if (at != kNotFound) return at;
     }

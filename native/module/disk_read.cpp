@@ -89,7 +89,8 @@ int holds_in_bytes(PyObject* raw, PyObject* needle, bool case_sensitive) {
         Py_ssize_t encoded_size = 0;
         const char* encoded = PyUnicode_AsUTF8AndSize(needle, &encoded_size);
         if (encoded == nullptr) return -1;
-        return memmem(bytes, size, encoded, static_cast<size_t>(encoded_size)) != nullptr;
+        return core::find_bytes(bytes, size, reinterpret_cast<const uint8_t*>(encoded),
+                                static_cast<size_t>(encoded_size)) != core::kNotFound;
     }
     if (!PyUnicode_IS_ASCII(needle)) return kUndecided;
     const auto* folded = PyUnicode_1BYTE_DATA(needle);
