@@ -112,6 +112,7 @@ size_t scan_bytes(const uint8_t* text, size_t size, const uint8_t* needle, size_
     size_t candidates = 0;
     for (; p + 16 <= starts; p += 16) {
         const unsigned mask = head.hits(text + p) & tail.hits(text + p + m - 1);
+        if (mask == 0) continue;
         if constexpr (!Folded) {
             // Too many false starts (a needle of common bytes over a long text): the rest
             // goes to the C library's search, which keeps to linear time.
