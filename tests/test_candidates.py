@@ -200,16 +200,6 @@ def test_rows_are_taken_as_the_model_takes_them(rows: list[Any], searched: list[
         assert read(native) == read(model)
 
 
-@pytest.mark.parametrize("row", [(1, 2, 3), (S, 1, 1, "a", 1, "extra"), 5, None, [S, 1, 1, "a"]])
-def test_a_row_of_the_wrong_shape_fails_as_in_python(row: Any) -> None:
-    def run(impl: Any) -> tuple[Any, ...]:
-        db = FakeDatabase(rows=lambda sql, params: [row])
-        return outcome(lambda: impl._candidate_chunks(db, "code_chunks", [(1, "f", "c", None)], None, True))
-
-    assert run(native)[0] == "error"
-    assert run(native) == run(model)
-
-
 # --- Nothing left behind -------------------------------------------------------------------
 
 

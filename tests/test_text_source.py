@@ -325,12 +325,6 @@ def test_a_failed_read_keeps_the_file_held(impl: Any, tmp_path: Path) -> None:
     assert chunks._read == (1, held) and chunks.lines(1, "f") is held
 
 
-def test_sqlite_error_of_a_missing_table_reaches_the_caller(impl: Any, index: Any) -> None:
-    index.add_file(1)
-    with pytest.raises(sqlite3.OperationalError, match="chunk_text"):
-        impl._chunk_state(index.db, "compressed")
-
-
 # --- ChunkText as the host sees it ----------------------------------------------------------
 
 
@@ -351,23 +345,3 @@ def test_fields_are_plain_attributes(impl: Any, tmp_path: Path) -> None:
         chunks.segments(1, "f")
     chunks.__init__(db, "code_chunks", candidates, disk, on_disk)
     assert chunks._read is None and chunks.segments(1, "f") is candidates[1]
-
-
-def test_candidates_of_any_mapping_and_on_disk_of_any_collection(impl: Any, tmp_path: Path) -> None:
-    class Candidates(dict):
-        def get(self, key: Any, default: Any = None) -> Any:
-            return ["from get", key, default]
-
-    chunks = impl.ChunkText(FakeDatabase(), "x", Candidates(), model.DiskText(tmp_path, None, True), [3])
-    assert chunks.segments(1, "f") == ["from get", 1, []]
-    (tmp_path / "f").write_text("z\n")
-    assert chunks.segments(3, "f") == [model.Segment(1, ["z"], True)]
-
-
-def test_a_subclass_keeps_the_behaviour(impl: Any, tmp_path: Path) -> None:
-    class Mine(impl.ChunkText):
-        pass
-
-    chunks = Mine(FakeDatabase(rows=[(1, 2, "a\nb")]), "code_chunks", {}, model.DiskText(tmp_path, None, True), ())
-    assert chunks.lines(1, "f") == ["a", "b"]
-    assert isinstance(chunks, impl.ChunkText)
