@@ -5,10 +5,11 @@
 // any error out at the next() that meets it, and once ended (run out, or an error) stays
 // ended and lets go of its arguments.
 //
-// A plain search over an exact str line asks the host's str.find directly, and, ignoring
-// case with an ASCII needle, searches the line without lower-casing it (the column is
-// mapped into the lower-cased line: core/ascii_search.hpp). Lines of other types, and a
-// non-ASCII needle on a non-ASCII line, go through the host's lower() and find().
+// A plain search over an exact str line finds the needle where str.find would (a byte
+// search for one-byte strs, the host's PyUnicode_Find otherwise), and, ignoring case with
+// an ASCII needle, searches the line without lower-casing it (the column is mapped into
+// the lower-cased line: core/ascii_search.hpp). Lines of other types, and a non-ASCII
+// needle on a non-ASCII line, go through the host's lower() and find().
 //
 // A regex search calls pattern.search(line) on each line, except on a line that cannot
 // match: when the pattern is an re.Pattern over str, without IGNORECASE or LOCALE, and
@@ -112,8 +113,9 @@ Outcome found_at(Py_ssize_t at, Owned& column) {
 // str.find(needle) on two ready strs, calling no host code: >= 0, -1, or -2 on an error.
 Py_ssize_t find_exact(PyObject* line, PyObject* needle) {
     if (PyUnicode_KIND(line) == PyUnicode_1BYTE_KIND && PyUnicode_KIND(needle) == PyUnicode_1BYTE_KIND) {
-        const size_t at = core::find_bytes(PyUnicode_1BYTE_DATA(line), static_cast<size_t>(PyUnicode_GET_LENGTH(line)),
-                                           PyUnicode_1BYTE_DATA(needle), static_cast<size_t>(PyUnicode_GET_LENGTH(needle)));
+        const size_t at = core::find_bytes(
+            PyUnicode_1BYTE_DATA(line), static_cast<size_t>(PyUnicode_GET_LENGTH(line)),
+            PyUnicode_1BYTE_DATA(needle), static_cast<size_t>(PyUnicode_GET_LENGTH(needle)));
         return at == core::kNotFound ? -1 : static_cast<Py_ssize_t>(at);
     }
     return PyUnicode_Find(line, needle, 0, PY_SSIZE_T_MAX, 1);
@@ -200,7 +202,8 @@ PyObject* pair(Py_ssize_t number, PyObject* column) {
     return result;
 }
 
-// Passes on an error that must not be hidden; clears any other (0) or none (0 as well).
+// After a step that may be skipped: 0 when no error is set or the one set may be dropped
+// (it is cleared), -1 when it must pass on (KeyboardInterrupt, SystemExit and the like).
 int keep_only_grave_errors() {
     if (PyErr_Occurred() == nullptr) return 0;
     if (!PyErr_ExceptionMatches(PyExc_Exception)) return -1;
