@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import gc
 import json
 import os
 import sqlite3
@@ -30,6 +31,9 @@ def main(argv: Sequence[str] | None = None) -> int:
         args.repo, extra = extra[0], []
     if extra:
         parser.error(f"unrecognized arguments: {' '.join(extra)}")
+    # A run makes millions of small objects and no reference cycles: the cycle collector
+    # would only walk them over and over.
+    gc.disable()
     try:
         return args.run(args)
     except (UsageError, QueryError, schema.SchemaError) as error:
@@ -45,6 +49,8 @@ def main(argv: Sequence[str] | None = None) -> int:
         # that flushing it at exit does not fail again.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 0
+    finally:
+        gc.enable()
 
 
 def _parser() -> argparse.ArgumentParser:
