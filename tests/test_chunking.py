@@ -20,6 +20,15 @@ def assert_same_str(got: str, want: str) -> None:
     assert sys.getsizeof(got) == sys.getsizeof(want)
 
 
+def assert_chunks_and_size_equal_the_model(text: str) -> None:
+    chunks = native.code_chunks(text)
+    expected = model.code_chunks(text)
+    assert [c[:2] for c in chunks] == [c[:2] for c in expected]
+    for (_, _, got), (_, _, want) in zip(chunks, expected):
+        assert_same_str(got, want)
+    assert native.stored_text_bytes(text) == model.stored_text_bytes(text)
+
+
 WIDTH_TEXTS = st.one_of(
     strategies.any_texts(),
     # One width at a time, so that every storage kind is exercised on its own.
@@ -33,12 +42,7 @@ WIDTH_TEXTS = st.one_of(
 @settings(max_examples=400)
 @given(WIDTH_TEXTS)
 def test_chunks_and_sizes_equal_the_model(text: str) -> None:
-    chunks = native.code_chunks(text)
-    expected = model.code_chunks(text)
-    assert [c[:2] for c in chunks] == [c[:2] for c in expected]
-    for (_, _, got), (_, _, want) in zip(chunks, expected):
-        assert_same_str(got, want)
-    assert native.stored_text_bytes(text) == model.stored_text_bytes(text)
+    assert_chunks_and_size_equal_the_model(text)
 
 
 @settings(max_examples=200)
@@ -66,6 +70,44 @@ def test_chunk_lines_equal_the_model(start: int, end: int, text: str) -> None:
 @pytest.mark.parametrize("file_id", [0, 1, 7, -1, 2**40, 2**70, True])
 def test_file_rowids_equal_the_model(file_id: int) -> None:
     assert native.file_rowids(file_id) == model.file_rowids(file_id)
+
+
+# The text is read in blocks of 16 and 64 code points. `lead` (0 or 1 code point, which
+# also sets the width) and `pad` put the boundary at the last place of a block or the
+# first of the next, so a CR LF may straddle two blocks; the tail ends in a partial block.
+@pytest.mark.parametrize(
+    "lead", ["", "\xe9", "\u0100", "\u8000", "\U0001f600"], ids=["ascii", "ucs1", "ucs2", "ucs2-high", "ucs4"]
+)
+@pytest.mark.parametrize("pad", [14, 15, 16, 62, 63, 64])
+@pytest.mark.parametrize("boundary", ["\r\n", "\r", "\n", "\x0c", "\x85", "\u2028"])
+def test_boundaries_at_block_edges(lead: str, pad: int, boundary: str) -> None:
+    head = lead + "a" * pad + boundary
+    for tail in ["", "z", boundary, "z" * pad + boundary + "\n"]:
+        assert_chunks_and_size_equal_the_model(head + "b\n" * 63 + "c" * pad + boundary + tail)
+        assert_chunks_and_size_equal_the_model(boundary * (pad + 1) + tail + lead)
+
+
+# Chunks narrower than their text: ASCII or Latin-1 chunks of a text made wide by its last
+# line, BMP chunks (U+8000 and up too) of a text made wide by an astral one.
+@pytest.mark.parametrize(
+    ("line", "last"),
+    [("x = 1", "\u0100"), ("x = 1", "\U0001f600"), ("caf\xe9 " * 9, "\u2029"),
+     ("\u8000\uffff\u0100" * 9, "\U0010ffff"), ("\ud800 \u4e00" * 9, "\U0001f600")],
+    ids=["ascii-of-ucs2", "ascii-of-ucs4", "ucs1-of-ucs2", "ucs2-high-of-ucs4", "surrogates-of-ucs4"],
+)
+@pytest.mark.parametrize("end", ["\n", "\r\n", "\u2028"])
+def test_chunks_narrower_than_their_text(line: str, last: str, end: str) -> None:
+    assert_chunks_and_size_equal_the_model((line + end) * 150 + last)
+
+
+# Stored size counts in narrow lanes that are emptied now and then: long runs of the code
+# points that move a lane most, in every width.
+@pytest.mark.parametrize("unit", ["\uffff", "\r\n", "\r\n\u0100", "\xe9", "\x85", "\ud800",
+                                  "\u2028", "\U0001f600", "\r\n\U0001f600"])
+def test_stored_size_of_long_runs(unit: str) -> None:
+    text = unit * (300_000 // len(unit))
+    for tail in ["", "\r", "a"]:
+        assert native.stored_text_bytes(text + tail) == model.stored_text_bytes(text + tail)
 
 
 def test_large_text_chunk_count() -> None:

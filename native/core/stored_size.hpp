@@ -1,7 +1,11 @@
 // Stored size: the UTF-8 length of a text's lines joined with one LF each, which is what
 // its chunks hold. A lone surrogate counts one byte (it is stored as "?"), every boundary
 // between two lines one byte (CR LF included), and a boundary at the very end nothing.
-// Computed in one pass over the text, without building anything.
+//
+// A text is a pointer and a length in code points of one of the three CPython widths
+// (uint8_t, uint16_t, uint32_t); nothing is owned or allocated. The size is computed in
+// one pass, sixteen bytes at a time: an ASCII text needs only a search for CR, and the
+// wide kinds pass over groups that hold neither a non-ASCII code point nor a CR.
 #pragma once
 
 #include <cstddef>

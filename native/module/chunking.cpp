@@ -14,26 +14,31 @@ using core::ChunkSpan;
 
 // The joined text of one chunk, made in one allocation of the narrowest width.
 template <class Char>
-PyObject* chunk_text(const Char* data, const ChunkSpan& span, bool ascii) {
-    const uint32_t max_char = ascii ? 0x7F : core::joined_max_char(data, span.begin, span.end);
+PyObject* chunk_text(const Char* data, const ChunkSpan& span) {
+    // A chunk of a one-byte text that is not ASCII needs all of Latin-1.
+    uint32_t max_char = 0x7F;
+    if (!span.ascii) max_char = sizeof(Char) == 1 ? 0xFF : core::joined_char_bound(data, span.begin, span.end);
     PyObject* text = PyUnicode_New(static_cast<Py_ssize_t>(span.length), max_char);
     if (text == nullptr || span.length == 0) return text;
     fill_text(text, [&](auto* out) {
-        using Out = std::remove_pointer_t<decltype(out)>;
-        if (span.lf_only && sizeof(Out) == sizeof(Char)) {
-            std::memcpy(out, data + span.begin, span.length * sizeof(Char));
-        } else {
-            core::copy_joined(data, span.begin, span.end, out);
-        }
+        core::copy_joined(data, span, out);
     });
     return text;
 }
 
-PyObject* chunk_triple(const ChunkSpan& span, PyObject* text) {
+// (first line, last line, text), taking over `text`.
+PyObject* chunk_triple(const ChunkSpan& span, Owned text) {
     Owned first(PyLong_FromSize_t(span.first_line));
     Owned last(first ? PyLong_FromSize_t(span.last_line) : nullptr);
-    if (!last) return nullptr;
-    return PyTuple_Pack(3, first.get(), last.get(), text);
+    Owned triple(last ? PyTuple_New(3) : nullptr);
+    if (!triple) return nullptr;
+    PyTuple_SET_ITEM(triple.get(), 0, first.release());
+    PyTuple_SET_ITEM(triple.get(), 1, last.release());
+    PyTuple_SET_ITEM(triple.get(), 2, text.release());
+    // Two ints and a str can never be part of a cycle: the collector need not see it
+    // (it would untrack it itself at its first pass).
+    PyObject_GC_UnTrack(triple.get());
+    return triple.release();
 }
 
 PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
@@ -45,11 +50,13 @@ PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObje
     PyObject* source = a[0];
     Owned chunks(PyList_New(0));
     if (!chunks) return nullptr;
-    const bool ascii = PyUnicode_IS_ASCII(source);
     const bool ok = visit_text(source, [&](const auto* data, size_t length) {
         return core::plan_chunks(data, length, [&](const ChunkSpan& span) {
-            Owned text(chunk_text(data, span, ascii));
-            Owned chunk(text ? chunk_triple(span, text.get()) : nullptr);
+            // A text without any boundary is its own one line, and the host then hands
+            // back the text itself (splitlines() and a one-item join both do).
+            const bool whole = span.last_line == 1 && span.end == length && PyUnicode_CheckExact(source);
+            Owned text(whole ? Py_NewRef(source) : chunk_text(data, span));
+            Owned chunk(text ? chunk_triple(span, std::move(text)) : nullptr);
             return chunk && PyList_Append(chunks.get(), chunk.get()) == 0;
         });
     });
