@@ -5,7 +5,7 @@ from __future__ import annotations
 import sqlite3
 
 import pytest
-from hypothesis import HealthCheck, given, settings
+from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import strategies
@@ -129,7 +129,7 @@ def chunked(text):
     return [(i + 1, min(i + 3, len(lines)), "\n".join(lines[i : i + 3])) for i in range(0, len(lines), 3)]
 
 
-@settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@settings(max_examples=100, deadline=None)
 @given(stores_and_needles())
 def test_matching_rows_is_a_superset_of_the_chunks_holding_the_needle(case):
     texts, needle = case
