@@ -121,6 +121,7 @@ def _search(args: argparse.Namespace) -> int:
         print(indexer.index(root).line(), file=sys.stderr)
     db = schema.open_index(db_path)
     try:
+        db.read_only()
         files = select_files(db, args.glob)
         results, reason = search(
             db, query, files, context_lines=args.context, max_count=args.max_count
