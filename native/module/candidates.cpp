@@ -3,6 +3,7 @@
 // come back are filtered by file, split into lines and put in row-id order here.
 #include "module/args.hpp"
 #include "module/definitions.hpp"
+#include "module/signals.hpp"
 #include "module/text.hpp"
 
 #include <algorithm>
@@ -22,9 +23,10 @@ class Searched {
         set_ = Owned(PySet_New(nullptr));
         Owned iterator(set_ ? PyObject_GetIter(files) : nullptr);
         if (!iterator) return false;
+        SignalCountdown countdown;  // a search may cover millions of files
         while (Owned row{PyIter_Next(iterator.get())}) {
             Owned id(first_of(row.get()));
-            if (!id || PySet_Add(set_.get(), id.get()) < 0) return false;
+            if (!id || PySet_Add(set_.get(), id.get()) < 0 || !countdown.pass_item(0)) return false;
         }
         return !PyErr_Occurred();
     }
@@ -321,18 +323,19 @@ bool take_row(ModuleState* state, const Searched& searched, Found& found, PyObje
 }
 
 bool take_rows(ModuleState* state, const Searched& searched, Found& found, PyObject* rows) {
+    SignalCountdown countdown;  // an index may hand over millions of rows
     if (PyList_CheckExact(rows)) {
         // Indexed, as the list iterator does: the list may change under a callback.
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows); ++i) {
             Owned row(Py_NewRef(PyList_GET_ITEM(rows, i)));
-            if (!take_row(state, searched, found, row.get())) return false;
+            if (!take_row(state, searched, found, row.get()) || !countdown.pass_item(0)) return false;
         }
         return true;
     }
     Owned iterator(PyObject_GetIter(rows));
     if (!iterator) return false;
     while (Owned row{PyIter_Next(iterator.get())}) {
-        if (!take_row(state, searched, found, row.get())) return false;
+        if (!take_row(state, searched, found, row.get()) || !countdown.pass_item(0)) return false;
     }
     return !PyErr_Occurred();
 }

@@ -3,6 +3,7 @@
 // files whose text the index keeps on disk go to the DiskText it holds.
 #include "module/args.hpp"
 #include "module/definitions.hpp"
+#include "module/signals.hpp"
 #include "module/text.hpp"
 
 #include <cstddef>
@@ -170,17 +171,18 @@ PyObject* read_lines(ModuleState* state, PyObject* self, PyObject* file_id) {
 
     Owned lines(PyList_New(0));
     if (!lines) return nullptr;
+    SignalCountdown countdown;  // a file may have many chunks, or rows may be many
     if (PyList_CheckExact(rows.get())) {
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
             Owned row(Py_NewRef(PyList_GET_ITEM(rows.get(), i)));
-            if (!append_chunk(lines.get(), row.get())) return nullptr;
+            if (!append_chunk(lines.get(), row.get()) || !countdown.pass_item(0)) return nullptr;
         }
         return lines.release();
     }
     Owned iterator(PyObject_GetIter(rows.get()));
     if (!iterator) return nullptr;
     while (Owned row{PyIter_Next(iterator.get())}) {
-        if (!append_chunk(lines.get(), row.get())) return nullptr;
+        if (!append_chunk(lines.get(), row.get()) || !countdown.pass_item(0)) return nullptr;
     }
     return PyErr_Occurred() ? nullptr : lines.release();
 }

@@ -4,6 +4,7 @@
 #include "core/stored_size.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
+#include "module/signals.hpp"
 #include "module/state.hpp"
 #include "module/text.hpp"
 
@@ -50,6 +51,7 @@ PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObje
     PyObject* source = a[0];
     Owned chunks(PyList_New(0));
     if (!chunks) return nullptr;
+    SignalCountdown countdown;  // a text may run to a GB
     const bool ok = visit_text(source, [&](const auto* data, size_t length) {
         return core::plan_chunks(data, length, [&](const ChunkSpan& span) {
             // A text without any boundary is its own one line, and the host then hands
@@ -57,7 +59,8 @@ PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObje
             const bool whole = span.last_line == 1 && span.end == length && PyUnicode_CheckExact(source);
             Owned text(whole ? Py_NewRef(source) : chunk_text(data, span));
             Owned chunk(text ? chunk_triple(span, std::move(text)) : nullptr);
-            return chunk && PyList_Append(chunks.get(), chunk.get()) == 0;
+            return chunk && PyList_Append(chunks.get(), chunk.get()) == 0 &&
+                   countdown.pass_item(span.end - span.begin);
         });
     });
     return ok ? chunks.release() : nullptr;

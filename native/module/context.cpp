@@ -5,6 +5,7 @@
 // Py_ssize_t, and no index outside `lines` is ever formed, whatever the arguments.
 #include "module/args.hpp"
 #include "module/definitions.hpp"
+#include "module/signals.hpp"
 
 #include <climits>
 
@@ -103,6 +104,7 @@ PyObject* context(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
     ModuleState* state = module_state(module);
     Owned records(PyList_New(range.count));
     if (!records) return nullptr;
+    SignalCountdown countdown;  // a range may cover millions of lines
     for (Py_ssize_t k = 0; k < range.count; ++k) {
         Owned number(number_at(small_low, big_low.get(), k));
         if (!number) return nullptr;
@@ -121,6 +123,7 @@ PyObject* context(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
         PyObject* entry = line ? record(state, number.get(), line.get()) : nullptr;
         if (entry == nullptr) return nullptr;
         PyList_SET_ITEM(records.get(), k, entry);
+        if (!countdown.pass_item(0)) return nullptr;
     }
     return records.release();
 }

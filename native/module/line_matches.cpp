@@ -19,6 +19,7 @@
 #include "core/ascii_search.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
+#include "module/signals.hpp"
 #include "module/text.hpp"
 
 #include <cstddef>
@@ -37,6 +38,7 @@ struct LineMatches {
     PyObject* search;    // pattern.search, bound once for an re.Pattern
     PyObject* literal;   // text that every match of the pattern holds, if known
     core::FoldedNeedle folded;  // the needle, when it is an ASCII str
+    SignalCountdown countdown;  // one next() may scan millions of lines
     Py_ssize_t index;    // the next list index, for an exact list
     Py_ssize_t number;   // the number of the last line scanned
     bool started;
@@ -192,6 +194,12 @@ Outcome plain_column(LineMatches* it, PyObject* line, Owned& column) {
     return found_at(at, column);
 }
 
+// The code points a scan of `line` read, for the signal countdown.
+size_t scanned(PyObject* line) {
+    const bool text = PyUnicode_Check(line) && PyUnicode_IS_READY(line);
+    return text ? static_cast<size_t>(PyUnicode_GET_LENGTH(line)) : 0;
+}
+
 PyObject* pair(Py_ssize_t number, PyObject* column) {
     Owned first(PyLong_FromSsize_t(number));
     if (!first) return nullptr;
@@ -309,10 +317,11 @@ int plan_regex(LineMatches* it) {
 }
 
 // The common plain search, run straight over an exact list of exact strs with a str
-// needle and a bool case flag: nothing in it calls host code, so the lines are borrowed
-// and the list cannot change under it. It stops at a match, at the end, or before a line
-// it cannot answer for alone, which the caller then takes the long way. Null with no
-// error set means "not a match here".
+// needle and a bool case flag: nothing in it calls host code (but a signal handler, after
+// which no line read before is touched), so the lines are borrowed and the list cannot
+// change under one. It stops at a match, at the end, or before a line it cannot answer
+// for alone, which the caller then takes the long way. Null with no error set means "not
+// a match here".
 PyObject* plain_lane(LineMatches* it) {
     PyObject* flag = it->case_sensitive;
     if (it->iterator != nullptr || it->pattern != Py_None || !PyUnicode_Check(it->needle) ||
@@ -332,6 +341,7 @@ PyObject* plain_lane(LineMatches* it) {
             Owned column(PyLong_FromSsize_t(at));
             return column ? pair(it->number, column.get()) : nullptr;
         }
+        if (!it->countdown.pass_item(scanned(line))) return nullptr;
     }
     return nullptr;
 }
@@ -357,6 +367,7 @@ PyObject* advance(LineMatches* it) {
                                                        : plain_column(it, line.get(), column);
         if (outcome == Outcome::error) return nullptr;
         if (outcome == Outcome::match) return pair(it->number, column.get());
+        if (!it->countdown.pass_item(scanned(line.get()))) return nullptr;
     }
 }
 
@@ -414,6 +425,7 @@ PyObject* line_matches(PyObject* module, PyObject* const* args, Py_ssize_t nargs
     it->search = nullptr;
     it->literal = nullptr;
     it->folded = core::FoldedNeedle{nullptr, 0, false};
+    it->countdown = SignalCountdown{};
     it->ascii_needle = false;
     it->index = 0;
     it->number = 0;

@@ -1,5 +1,7 @@
 #include "module/text.hpp"
 
+#include "module/signals.hpp"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -44,13 +46,15 @@ bool append_piece(PyObject* list, PyObject* text, size_t begin, size_t end) {
 }  // namespace
 
 bool append_lf_pieces(PyObject* list, PyObject* text) {
+    SignalCountdown countdown;  // a huge text may hold millions of pieces
     return visit_text(text, [&](const auto* data, size_t length) {
         const auto* end = data + length;
         const auto* start = data;
         for (;;) {
             const auto* stop = find_lf(start, end);
             if (!append_piece(list, text, static_cast<size_t>(start - data),
-                              static_cast<size_t>(stop - data))) {
+                              static_cast<size_t>(stop - data)) ||
+                !countdown.pass_item(static_cast<size_t>(stop - start))) {
                 return false;
             }
             if (stop == end) return true;
