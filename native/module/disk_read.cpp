@@ -13,7 +13,12 @@
 //     core/ascii_search.hpp), unless they hold U+212A or U+0130 and the needle holds the
 //     letter that one of those lower-cases to; then the decoded text is searched.
 // Everything else goes the host's way: decode, str.lower, `in`, str.splitlines.
+//
+// A large file is decoded and split a slice of a few MB at a time, with a check for
+// signals between slices, so that Ctrl-C stops the reading of a huge file (see
+// sliced_lines).
 #include "core/ascii_search.hpp"
+#include "core/line_scan.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
 #include "module/text.hpp"
@@ -58,6 +63,44 @@ int file_text_of(PyObject* module, ModuleState* state, PyObject* path, Owned& ou
     Owned raw;
     const int read = read_raw(module, state, path, raw);
     return read <= 0 ? read : decode(state, raw.get(), out);
+}
+
+// Files above this many bytes are decoded and split a slice at a time.
+constexpr size_t kSlice = size_t{1} << 22;
+
+// Where a slice that runs at least to `from` ends: just past the first ASCII line boundary
+// at or after `from` that does not begin a CR LF, or at `size`.
+size_t slice_end(const uint8_t* bytes, size_t from, size_t size) {
+    for (size_t at = from; at < size; ++at) {
+        const uint8_t b = bytes[at];
+        if (b > 0x1E || !core::is_line_boundary(b)) continue;
+        if (b != '\r' || at + 1 == size || bytes[at + 1] != '\n') return at + 1;
+    }
+    return size;
+}
+
+// raw.decode("utf-8", errors="replace").splitlines() for exact bytes, a slice at a time.
+// Cut after an ASCII boundary, the slices decode to the pieces of the whole decoding (an
+// ASCII byte ends any ill-formed sequence before it and belongs to none) and split into
+// its lines in order (a slice ends with a whole boundary, so it has no empty last line,
+// and no CR LF is parted).
+PyObject* sliced_lines(PyObject* raw) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(PyBytes_AS_STRING(raw));
+    const auto size = static_cast<size_t>(PyBytes_GET_SIZE(raw));
+    Owned lines(PyList_New(0));
+    if (!lines) return nullptr;
+    for (size_t begin = 0; begin < size;) {
+        const size_t end = slice_end(bytes, size - begin > kSlice ? begin + kSlice : size, size);
+        Owned text(PyUnicode_DecodeUTF8(reinterpret_cast<const char*>(bytes + begin),
+                                        static_cast<Py_ssize_t>(end - begin), "replace"));
+        Owned part(text ? PyUnicode_Splitlines(text.get(), 0) : nullptr);
+        if (!part || PyList_SetSlice(lines.get(), PY_SSIZE_T_MAX, PY_SSIZE_T_MAX, part.get()) < 0 ||
+            PyErr_CheckSignals() < 0) {
+            return nullptr;
+        }
+        begin = end;
+    }
+    return lines.release();
 }
 
 PyObject* split_lines(ModuleState* state, PyObject* content) {
@@ -125,6 +168,8 @@ int holds_in_text(ModuleState* state, PyObject* content, PyObject* needle, bool 
 // objects, as the plain code would make it.
 PyObject* lines_holding_generic(ModuleState* state, PyObject* raw, PyObject* needle,
                                 PyObject* case_sensitive) {
+    const bool large = PyBytes_CheckExact(raw) && static_cast<size_t>(PyBytes_GET_SIZE(raw)) > kSlice;
+    if (needle == Py_None && large) return sliced_lines(raw);
     Owned content;
     const int decoded = decode(state, raw, content);
     if (decoded <= 0) return decoded == 0 ? Py_NewRef(Py_None) : nullptr;
@@ -172,14 +217,19 @@ PyObject* lines_holding(PyObject* module, PyObject* path, PyObject* needle, PyOb
     if (keep_case < 0 || PyUnicode_READY(needle) < 0) return nullptr;
     int holds = PyUnicode_GET_LENGTH(needle) == 0 ? 1 : holds_in_bytes(raw.get(), needle, keep_case);
     if (holds <= 0) return holds == 0 ? Py_NewRef(Py_None) : nullptr;
+    const bool sliced = static_cast<size_t>(PyBytes_GET_SIZE(raw.get())) > kSlice;
     Owned content;
-    const int decoded = decode(state, raw.get(), content);
-    if (decoded <= 0) return decoded == 0 ? Py_NewRef(Py_None) : nullptr;
+    if (holds == kUndecided || !sliced) {
+        const int decoded = decode(state, raw.get(), content);
+        if (decoded <= 0) return decoded == 0 ? Py_NewRef(Py_None) : nullptr;
+    }
     if (holds == kUndecided) {
         holds = holds_in_text(state, content.get(), needle, keep_case);
         if (holds <= 0) return holds == 0 ? Py_NewRef(Py_None) : nullptr;
     }
-    return PyUnicode_Splitlines(content.get(), 0);
+    if (!sliced) return PyUnicode_Splitlines(content.get(), 0);
+    content = Owned();
+    return sliced_lines(raw.get());
 }
 
 int intern_disk_names(ModuleState* state) {
