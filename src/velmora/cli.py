@@ -3,17 +3,20 @@
 from __future__ import annotations
 
 import argparse
+import functools
 import gc
-import json
 import os
 import sqlite3
 import sys
 from collections.abc import Sequence
 from pathlib import Path
-from typing import TextIO
+from typing import TYPE_CHECKING
 
 from velmora import schema
 from velmora.search import Hit, Query, QueryError, search, select_files
+
+if TYPE_CHECKING:
+    import json
 
 _PATH, _NUMBER, _MATCH, _RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
 
@@ -130,13 +133,14 @@ def _search(args: argparse.Namespace) -> int:
             print(f"velmora: {reason}", file=sys.stderr)
         color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
         found = False
+        # One write per file: the output of a common query runs to millions of lines.
         for path, hits in results:
             if args.json:
-                _print_json(sys.stdout, path, hits)
+                sys.stdout.write(_json_text(path, hits))
             else:
                 if found and args.context:
                     sys.stdout.write("--\n")
-                _print_text(sys.stdout, path, hits, query, args.context > 0, color)
+                sys.stdout.write(_text(path, hits, query, args.context > 0, color))
             found = True
         sys.stdout.flush()
     finally:
@@ -144,35 +148,51 @@ def _search(args: argparse.Namespace) -> int:
     return 0 if found else 1
 
 
-def _print_json(out: TextIO, path: str, hits: list[Hit]) -> None:
-    for hit in hits:
-        record = {"path": path, "line": hit.line, "column": hit.column + 1, "context": hit.context}
-        out.write(json.dumps(record, ensure_ascii=False) + "\n")
+def _json_text(path: str, hits: list[Hit]) -> str:
+    encode = _json_encoder().encode
+    return "".join([
+        encode({"path": path, "line": line, "column": column + 1, "context": records}) + "\n"
+        for line, column, records in hits
+    ])
 
 
-def _print_text(
-    out: TextIO, path: str, hits: list[Hit], query: Query, with_context: bool, color: bool
-) -> None:
+@functools.cache
+def _json_encoder() -> json.JSONEncoder:
+    # What json.dumps(..., ensure_ascii=False) uses, made once rather than per record.
+    import json
+
+    return json.JSONEncoder(ensure_ascii=False)
+
+
+def _text(path: str, hits: list[Hit], query: Query, with_context: bool, color: bool) -> str:
     """grep's format: ``path:line:column:text`` for matches, ``path-line-text`` around them,
     and ``--`` between runs of lines that do not touch."""
+    if not (with_context or color):
+        # Without context lines each hit's context is its own line alone.
+        return "".join([
+            f"{path}:{line}:{column + 1}:{records[0]['content']}\n"
+            for line, column, records in hits
+        ])
     shown_path = f"{_PATH}{path}{_RESET}" if color else path
     matched = {hit.line: hit for hit in hits}
     printed = 0
+    out: list[str] = []
     for hit in hits:
         for record in hit.context:
             number, content = record["line"], record["content"]
             if number <= printed:
                 continue
             if with_context and printed and number > printed + 1:
-                out.write("--\n")
+                out.append("--\n")
             printed = number
             shown_number = f"{_NUMBER}{number}{_RESET}" if color else str(number)
             if number in matched:
                 column = matched[number].column
                 text = _highlight(content, query.span(content, column)) if color else content
-                out.write(f"{shown_path}:{shown_number}:{column + 1}:{text}\n")
+                out.append(f"{shown_path}:{shown_number}:{column + 1}:{text}\n")
             else:
-                out.write(f"{shown_path}-{shown_number}-{content}\n")
+                out.append(f"{shown_path}-{shown_number}-{content}\n")
+    return "".join(out)
 
 
 def _highlight(line: str, span: tuple[int, int] | None) -> str:

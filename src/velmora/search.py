@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import re
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterable, Iterator, Sequence
+from itertools import islice
 from typing import Any, NamedTuple
 
 from velmora.db import Database
@@ -86,31 +87,59 @@ def search(
     )
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
-        for file_id, path, *_ in files:
-            hits = _file_hits(source, file_id, path, query, context_lines, max_count)
-            if hits:
-                yield path, hits
+        segments_of = source.segments
+        for row in files:
+            file_id, path = row[0], row[1]
+            segments = segments_of(file_id, path)
+            # Most files of a selective search have no candidate: nothing more to do.
+            if segments:
+                hits = _file_hits(source, file_id, path, segments, query, context_lines, max_count)
+                if hits:
+                    yield path, hits
 
     return per_file(), reason
 
 
 def _file_hits(
-    source, file_id: int, path: str, query: Query, context_lines: int, max_count: int | None
+    source,
+    file_id: int,
+    path: str,
+    segments: list[code_text.Segment],
+    query: Query,
+    context_lines: int,
+    max_count: int | None,
 ) -> list[Hit]:
+    # Runs once per match: the work per match is kept to the module's calls and a tuple.
+    needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
+    line_matches, context = code_text.line_matches, code_text.context
     hits: list[Hit] = []
-    for segment in source.segments(file_id, path):
-        end = segment.first + len(segment.lines) - 1
-        for number, column in code_text.line_matches(
-            segment.lines, query.needle or "", query.pattern, query.case_sensitive
-        ):
-            if max_count is not None and len(hits) >= max_count:
-                return hits
-            line = segment.first + number - 1
+    for first, lines, last in segments:
+        found: Iterable[tuple[int, int]] = line_matches(lines, needle, pattern, case_sensitive)
+        if max_count is not None:
+            room = max_count - len(hits)
+            if room <= 0:
+                break
+            found = islice(found, room)  # stops the scan at the last match wanted
+        if not context_lines:
+            # A match's context is its own line, always inside the segment.
+            hits += [
+                _new_hit(Hit, (line, column, context(lines, line, line, first)))
+                for number, column in found
+                for line in (first + number - 1,)
+            ]
+            continue
+        end = first + len(lines) - 1
+        for number, column in found:
+            line = first + number - 1
             low, high = max(1, line - context_lines), line + context_lines
-            if low >= segment.first and (high <= end or segment.last):
-                records = code_text.context(segment.lines, low, high, segment.first)
+            if low >= first and (high <= end or last):
+                records = context(lines, low, high, first)
             else:
                 # The context reaches past the segment: take it from the whole file.
-                records = code_text.context(source.lines(file_id, path), low, high)
-            hits.append(Hit(line, column, records))
+                records = context(source.lines(file_id, path), low, high)
+            hits.append(_new_hit(Hit, (line, column, records)))
     return hits
+
+
+# Makes a Hit without the Python-level constructor of a named tuple.
+_new_hit = tuple.__new__
