@@ -38,6 +38,10 @@ class Database:
     def fetchall(self, sql: str, parameters: Sequence[Any] = ()) -> list[Any]:
         return self.connection.execute(sql, parameters).fetchall()
 
+    def rows(self, sql: str, parameters: Sequence[Any] = ()) -> Iterator[Any]:
+        """The rows of one statement as they are stepped to, not all held at once."""
+        return iter(self.connection.execute(sql, parameters))
+
     @contextmanager
     def transaction(self) -> Iterator[sqlite3.Cursor]:
         """A cursor inside one write transaction: committed at the end, rolled back on error.

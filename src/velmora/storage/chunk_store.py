@@ -19,7 +19,7 @@ from __future__ import annotations
 
 import sqlite3
 import zlib
-from collections.abc import Collection, Iterable, Iterator, Sequence
+from collections.abc import Collection, Iterator, Sequence
 from typing import Any, Literal
 
 # Row ids per file: a file's chunks take ids from id * stride, so the stride bounds the
@@ -38,9 +38,9 @@ Layout = Literal["compressed", "code_chunks"]
 
 Chunk = tuple[int, int, str]
 
-# Below this many searched files, their chunks are read range by range; above it one pass
-# over the table is cheaper than many small queries.
-_RANGE_QUERY_FILES = 64
+# Up to this many runs of consecutive file ids, the searched files' chunks are read run by
+# run (by row-id range); beyond it one pass over the table is cheaper than many queries.
+_RANGE_QUERIES = 512
 
 _LAST_FLAG = f"NOT EXISTS (SELECT 1 FROM {COMPRESSED_TABLE} n WHERE n.id = c.id + 1)"
 
@@ -188,36 +188,74 @@ def matching_rows(
     Each row: row id, first line, last line, exact text, and whether the chunk is its
     file's last.  With ``match`` None every chunk of those files; with a query at least
     every chunk whose text holds the needle (ASCII letters in any case; the trigram index
-    folds case), and maybe more.
+    folds case), and maybe more.  The rows are read as they are taken: one chunk's text
+    is held at a time.
     """
-    if match is not None:
-        rows = db.fetchall(
-            f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
-            f"FROM {COMPRESSED_TABLE} c WHERE c.id IN "
-            f"(SELECT rowid FROM {TRIGRAM_TABLE} WHERE {TRIGRAM_TABLE} MATCH ?)",
-            (match,),
-        )
-    elif len(ids) <= _RANGE_QUERY_FILES:
-        rows = []
-        for file_id in ids:
-            rows += db.fetchall(
-                f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
-                f"FROM {COMPRESSED_TABLE} c WHERE c.id >= ? AND c.id < ?",
-                (file_id * CHUNK_STRIDE, (file_id + 1) * CHUNK_STRIDE),
+    if match is None:
+        return _whole_files(db, ids)
+    rows = _stepped(
+        db,
+        f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
+        f"FROM {COMPRESSED_TABLE} c WHERE c.id IN "
+        f"(SELECT rowid FROM {TRIGRAM_TABLE} WHERE {TRIGRAM_TABLE} MATCH ?)",
+        (match,),
+    )
+    return (
+        (rowid, start, stop, _decompress(body), bool(last))
+        for rowid, start, stop, body, last in rows
+        if rowid // CHUNK_STRIDE in ids
+    )
+
+
+def _whole_files(db, ids: Collection[int]) -> Iterator[tuple[int, int, int, str, bool]]:
+    # Every chunk of the files, in row-id order.  Each file's chunks come all together, so
+    # a chunk is its file's last when the next row is not the next row id: no lookup.
+    runs = _runs(sorted(i for i in ids if isinstance(i, int)))
+    if len(runs) > _RANGE_QUERIES:
+        # Scattered files: one pass over the table beats a query per run.
+        rows = (
+            row
+            for row in _stepped(
+                db, f"SELECT id, start_line, end_line, body FROM {COMPRESSED_TABLE} ORDER BY id"
             )
-    else:
-        rows = db.fetchall(
-            f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
-            f"FROM {COMPRESSED_TABLE} c"
+            if row[0] // CHUNK_STRIDE in ids
         )
-    return _unpacked(rows, ids)
+    else:
+        rows = (
+            row
+            for first, last in runs
+            for row in _stepped(
+                db,
+                f"SELECT id, start_line, end_line, body FROM {COMPRESSED_TABLE} "
+                "WHERE id >= ? AND id < ? ORDER BY id",
+                (first * CHUNK_STRIDE, (last + 1) * CHUNK_STRIDE),
+            )
+        )
+    held = next(rows, None)
+    while held is not None:
+        after = next(rows, None)
+        rowid, start, stop, body = held
+        yield rowid, start, stop, _decompress(body), after is None or after[0] != rowid + 1
+        held = after
+
+
+def _runs(ids: list[int]) -> list[tuple[int, int]]:
+    """Sorted ids as runs of consecutive ids, each (first, last); duplicates join a run."""
+    runs: list[tuple[int, int]] = []
+    for file_id in ids:
+        if runs and file_id <= runs[-1][1] + 1:
+            runs[-1] = (runs[-1][0], file_id)
+        else:
+            runs.append((file_id, file_id))
+    return runs
 
 
 def file_rows(db, first: int, end: int) -> list[tuple[int, int, str]]:
     """A file's chunks with row ids in [first, end), as (start_line, end_line, text)."""
     return [
         (start, stop, _decompress(body))
-        for start, stop, body in db.fetchall(
+        for start, stop, body in _stepped(
+            db,
             f"SELECT start_line, end_line, body FROM {COMPRESSED_TABLE} "
             "WHERE id >= ? AND id < ? ORDER BY id",
             (first, end),
@@ -225,12 +263,11 @@ def file_rows(db, first: int, end: int) -> list[tuple[int, int, str]]:
     ]
 
 
-def _unpacked(
-    rows: Iterable[Sequence[Any]], ids: Collection[int]
-) -> Iterator[tuple[int, int, int, str, bool]]:
-    for rowid, start, stop, body, last in rows:
-        if rowid // CHUNK_STRIDE in ids:
-            yield rowid, start, stop, _decompress(body), bool(last)
+def _stepped(db, sql: str, parameters: tuple = ()) -> Iterator[Any]:
+    # Rows as the statement is stepped, from a handle that offers it (``Database.rows``);
+    # any other handle with the two operations of a database gives them all at once.
+    rows = getattr(db, "rows", None)
+    return rows(sql, parameters) if rows is not None else iter(db.fetchall(sql, parameters))
 
 
 def _searchable(text: str) -> str:
