@@ -311,8 +311,8 @@ bool take_row(ModuleState* state, const Searched& searched, Found& found, PyObje
     if (!text || PyUnicode_READY(text.get()) < 0) return false;
     const int has_lines = ends_after(start.get(), end.get());
     if (has_lines < 0) return false;
-    Owned lines(PyList_New(0));
-    if (!lines || (has_lines && !append_lf_pieces(lines.get(), text.get()))) return false;
+    Owned lines(has_lines ? lf_pieces(text.get()) : PyList_New(0));
+    if (!lines) return false;
     const int last = PyObject_IsTrue(values[4]);
     if (last < 0) return false;
     Owned segment(new_segment(state, start.get(), lines.get(), last != 0));

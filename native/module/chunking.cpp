@@ -114,12 +114,9 @@ PyObject* row_id_range(ModuleState* state, PyObject* file_id) {
 }
 
 PyObject* lines_of_chunk(PyObject* start_line, PyObject* end_line, PyObject* text) {
-    Owned lines(PyList_New(0));
-    if (!lines) return nullptr;
     const int has_lines = PyObject_RichCompareBool(end_line, start_line, Py_GE);
     if (has_lines < 0) return nullptr;
-    if (has_lines && !append_lf_pieces(lines.get(), text)) return nullptr;
-    return lines.release();
+    return has_lines ? lf_pieces(text) : PyList_New(0);
 }
 
 PyMethodDef code_chunks_def = {

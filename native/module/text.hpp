@@ -46,7 +46,11 @@ inline PyObject* substring(PyObject* text, size_t begin, size_t end) {
     return PyUnicode_Substring(text, static_cast<Py_ssize_t>(begin), static_cast<Py_ssize_t>(end));
 }
 
-// Appends to `list` the pieces of `text` between line feeds (k LFs give k + 1 pieces).
+// The pieces of the ready str `text` between line feeds (k LFs give k + 1 pieces), as a
+// new list.
+PyObject* lf_pieces(PyObject* text);
+
+// Appends to `list` the pieces of `text` between line feeds.
 bool append_lf_pieces(PyObject* list, PyObject* text);
 
 }  // namespace velmora::py
