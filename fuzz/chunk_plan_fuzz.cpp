@@ -66,6 +66,11 @@ void check(const Char* text, size_t size, const std::vector<uint32_t>& t, const 
         FUZZ_CHECK_EQ(span.ascii, ascii, "ascii");
         FUZZ_CHECK_EQ(span.special_count, want.specials.size(), "special_count");
         for (size_t i = 0; i < span.special_count; ++i) FUZZ_CHECK_EQ(span.specials[i], want.specials[i], "specials");
+        if (span.special_count == 0) {
+            // LF-only: the source range is the joined text as it stands.
+            FUZZ_CHECK_EQ(span.end - span.begin, want.joined.size(), "LF-only range length");
+            for (size_t i = 0; i < want.joined.size(); ++i) FUZZ_CHECK_EQ(t[span.begin + i], want.joined[i], "LF-only range");
+        }
         const uint32_t bound = ref_bound(want.joined);
         FUZZ_CHECK_EQ(joined_char_bound(text, span.begin, span.end), bound, "joined_char_bound");
         // Every destination width that holds the joined text.
