@@ -11,15 +11,23 @@ constexpr const char* kProbeSql =
 constexpr const char* kDeleteSql = "DELETE FROM code_chunks WHERE rowid >= ? AND rowid < ?";
 constexpr const char* kFlagSql = "UPDATE files SET text_on_disk = 1 WHERE id = ?";
 
+// object.<name>(args...), by an interned name: the host's type cache keeps the name it is
+// asked with, and a new copy per call would take a new slot of it each time.
+template <class... Args>
+PyObject* call_method(PyObject* object, const char* name, Args... args) {
+    Owned method(PyUnicode_InternFromString(name));
+    return method ? PyObject_CallMethodObjArgs(object, method.get(), args..., nullptr) : nullptr;
+}
+
 // cursor.execute(sql[, parameters]).<fetch>()
 PyObject* execute_and_fetch(PyObject* cursor, const char* sql, PyObject* parameters,
                             const char* fetch) {
     Owned statement(PyUnicode_FromString(sql));
     if (!statement) return nullptr;
-    Owned executed(parameters ? PyObject_CallMethod(cursor, "execute", "OO", statement.get(), parameters)
-                              : PyObject_CallMethod(cursor, "execute", "O", statement.get()));
+    Owned executed(parameters ? call_method(cursor, "execute", statement.get(), parameters)
+                              : call_method(cursor, "execute", statement.get()));
     if (!executed) return nullptr;
-    return PyObject_CallMethod(executed.get(), fetch, nullptr);
+    return call_method(executed.get(), fetch);
 }
 
 // The ids of the selected files that the rule sends to disk, in row order.
@@ -46,8 +54,7 @@ bool drop_chunks(ModuleState* state, PyObject* cursor, PyObject* marked) {
     if (!statement) return false;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
         Owned range(row_id_range(state, PyList_GET_ITEM(marked, i)));
-        Owned done(range ? PyObject_CallMethod(cursor, "execute", "OO", statement.get(), range.get())
-                         : nullptr);
+        Owned done(range ? call_method(cursor, "execute", statement.get(), range.get()) : nullptr);
         if (!done) return false;
     }
     return true;
@@ -62,7 +69,8 @@ bool flag_on_disk(PyObject* cursor, PyObject* marked) {
         if (row == nullptr) return false;
         PyList_SET_ITEM(parameters.get(), i, row);
     }
-    Owned done(PyObject_CallMethod(cursor, "executemany", "sO", kFlagSql, parameters.get()));
+    Owned statement(PyUnicode_FromString(kFlagSql));
+    Owned done(statement ? call_method(cursor, "executemany", statement.get(), parameters.get()) : nullptr);
     return static_cast<bool>(done);
 }
 

@@ -25,8 +25,12 @@ constexpr const char* kFileChunks =
 
 // The repository root: the database file lies two directories below it.
 PyObject* repo_root(PyObject* db) {
-    Owned path(PyObject_GetAttrString(db, "db_path"));
-    for (int up = 0; up < 3 && path; ++up) path = Owned(PyObject_GetAttrString(path.get(), "parent"));
+    // Interned names: the host's type cache keeps the name it is asked with, and a new copy
+    // per call would take a new slot of it each time.
+    Owned db_path(PyUnicode_InternFromString("db_path"));
+    Owned parent(db_path ? PyUnicode_InternFromString("parent") : nullptr);
+    Owned path(parent ? PyObject_GetAttr(db, db_path.get()) : nullptr);
+    for (int up = 0; up < 3 && path; ++up) path = Owned(PyObject_GetAttr(path.get(), parent.get()));
     return path.release();
 }
 
