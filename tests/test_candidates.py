@@ -3,8 +3,6 @@ rows as a database (or chunk_store) might hand them over, odd shapes and values 
 
 from __future__ import annotations
 
-import gc
-import sys
 from pathlib import Path
 from typing import Any, Callable
 
@@ -198,41 +196,3 @@ def test_rows_are_taken_as_the_model_takes_them(rows: list[Any], searched: list[
             return outcome(lambda: shape(chunks.lines(searched[0] if searched else 0, "f")))
 
         assert read(native) == read(model)
-
-
-# --- Nothing left behind -------------------------------------------------------------------
-
-
-def allocated_after(call: Callable[[], Any], times: int) -> int:
-    for _ in range(times):
-        call()
-    gc.collect()
-    return sys.getallocatedblocks()
-
-
-@pytest.mark.parametrize("store", ["code_chunks", "compressed"])
-def test_no_leaks(store: str, tmp_path: Path) -> None:
-    files = [(1, "a\nb key\n" * 50, 0, "all"), (2, "key", 1, "none"), (3, "x", 0, "all")]
-    db = build(store, files)
-    db.db_path = tmp_path / "x" / "y" / "index.db"
-    (tmp_path / "f2").write_text("key on disk\n")
-    searched = [(1, "f1", "c", None), (2, "f2", "c", None), (3, "f3", "c", None)]
-    bad = [(S, 1, 1, "a", 1), (S + 1, 2, 2, b"x", 1), (2**90, 1, 1, "a")]
-    odd = [(2**90 * S, 1, 1, "a", 1), (-S, 1, 1, "b", 0)]
-
-    def call() -> None:
-        for needle in ("key", None, "k\x00"):
-            source, _ = native.text_source(db, searched, needle, True, store=store)
-            for file_id, path, *_ in searched:
-                source.segments(file_id, path)
-                source.lines(file_id, path)
-        for row_source in (FakeDatabase(rows=bad), FakeDatabase(rows=odd)):
-            outcome(lambda: native._candidate_chunks(row_source, "code_chunks", [(1,), (2**90,), (-1,)], None, True))
-            outcome(lambda: native.ChunkText(row_source, "code_chunks", {}, None, ()).lines(1, "f"))
-        outcome(lambda: native._chunk_state(FakeDatabase(one=(1, "3,x")), "code_chunks"))
-        native._chunk_state(FakeDatabase(one=(1, "3,,12345678901234567890123, 4")), "code_chunks")
-
-    before = allocated_after(call, 200)
-    after = allocated_after(call, 2000)
-    db.close()
-    assert after - before < 50
