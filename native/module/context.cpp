@@ -65,12 +65,52 @@ PyObject* number_at(long long small_low, PyObject* big_low, Py_ssize_t k) {
     return step ? PyNumber_Add(big_low, step.get()) : nullptr;
 }
 
+bool is_int(PyObject* value) { return PyLong_CheckExact(value) || PyBool_Check(value); }
+
+// The plain code's steps one by one on the objects themselves, for bounds that are not all
+// ints: max() and min() compare them, range() takes their __index__ and each index into
+// `lines` is a subtraction, so that a value is given, or an error raised, where the plain
+// code would give or raise it (a float `start` over an empty range gives []).
+PyObject* context_of_objects(ModuleState* state, PyObject* lines, PyObject* first, PyObject* last,
+                             PyObject* start) {
+    const int raise = PyObject_RichCompareBool(start, first, Py_GT);
+    if (raise < 0) return nullptr;
+    PyObject* low = raise ? start : first;
+    const Py_ssize_t size = PyObject_Size(lines);
+    Owned count(size < 0 ? nullptr : PyLong_FromSsize_t(size));
+    Owned one(count ? PyLong_FromLong(1) : nullptr);
+    Owned past(one ? PyNumber_Add(start, count.get()) : nullptr);
+    Owned end(past ? PyNumber_Subtract(past.get(), one.get()) : nullptr);
+    if (!end) return nullptr;
+    const int lower = PyObject_RichCompareBool(end.get(), last, Py_LT);
+    if (lower < 0) return nullptr;
+    Owned stop(PyNumber_Add(lower ? end.get() : last, one.get()));
+    Owned numbers(stop ? PyObject_CallFunctionObjArgs(reinterpret_cast<PyObject*>(&PyRange_Type), low,
+                                                      stop.get(), nullptr)
+                       : nullptr);
+    Owned iterator(numbers ? PyObject_GetIter(numbers.get()) : nullptr);
+    Owned records(iterator ? PyList_New(0) : nullptr);
+    if (!records) return nullptr;
+    SignalCountdown countdown;
+    while (Owned number{PyIter_Next(iterator.get())}) {
+        Owned index(PyNumber_Subtract(number.get(), start));
+        Owned line(index ? PyObject_GetItem(lines, index.get()) : nullptr);
+        Owned entry(line ? record(state, number.get(), line.get()) : nullptr);
+        if (!entry || PyList_Append(records.get(), entry.get()) < 0 || !countdown.pass_item(0)) return nullptr;
+    }
+    return PyErr_Occurred() ? nullptr : records.release();
+}
+
 PyObject* context(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     static const Params<4> params{{"lines", "first", "last", "start"}, "context", 4, 3};
     std::array<PyObject*, 4> a;
     if (!params.parse(args, nargs, kwnames, a)) return nullptr;
     PyObject* lines = a[0];
-    // Integers as range() takes them: int, or anything with __index__.
+    if (!is_int(a[1]) || !is_int(a[2]) || (a[3] != nullptr && !is_int(a[3]))) {
+        Owned one(a[3] ? Py_NewRef(a[3]) : PyLong_FromLong(1));
+        return one ? context_of_objects(module_state(module), lines, a[1], a[2], one.get()) : nullptr;
+    }
+    // From here on the bounds are ints (a bool taken as its int).
     Owned first(PyNumber_Index(a[1]));
     Owned last(first ? PyNumber_Index(a[2]) : nullptr);
     Owned start(last ? (a[3] ? PyNumber_Index(a[3]) : PyLong_FromLong(1)) : nullptr);
