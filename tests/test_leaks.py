@@ -26,6 +26,7 @@ from typing import Any, Callable, Iterator
 import pytest
 
 import workbench
+from workbench import FoundAt, Raises, Rows
 from velmora.storage import code_text as native
 
 ROUNDS = 2_000
@@ -75,52 +76,6 @@ def drain(iterator: Iterator[Any], count: int | None = None) -> None:
             pass
     except Exception:  # noqa: BLE001
         pass
-
-
-class Raises:
-    """An object whose every use as a pattern, truth value or key raises."""
-
-    def search(self, line: str) -> Any:
-        raise RuntimeError("search failed")
-
-    def __bool__(self) -> bool:
-        raise RuntimeError("no truth")
-
-    def __eq__(self, other: object) -> bool:
-        raise RuntimeError("no equality")
-
-    __hash__ = object.__hash__
-
-
-class FoundAt:
-    """A pattern whose match starts where it is told (any object)."""
-
-    def __init__(self, start: Any) -> None:
-        self._start = start
-
-    def search(self, line: str) -> Any:
-        return self
-
-    def start(self) -> Any:
-        return self._start
-
-
-class Rows:
-    """A database handle that answers with given rows (or raises them)."""
-
-    db_path = Path("/r/x/y/index.db")
-
-    def __init__(self, rows: Any = (), one: Any = None) -> None:
-        self.rows = rows
-        self.one = one
-
-    def fetchall(self, sql: str, parameters: Any = ()) -> Any:
-        if isinstance(self.rows, type):
-            raise self.rows("the database is gone")  # a new one each time: a raised one keeps its traceback
-        return self.rows
-
-    def fetchone(self, sql: str) -> Any:
-        return self.one
 
 
 class Subclassed(native.DiskText):

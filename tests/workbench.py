@@ -3,8 +3,8 @@
 The repository holds a chunked file, a file whose text the index keeps on disk, a file with
 a NUL, a file over the size that is read in slices, a symbolic link, a directory and a file
 whose name is not UTF-8. Its indexes are real SQLite databases: one per chunk layout, one
-in which a file lacks its chunks, one without tables, and one that a second connection
-holds under an exclusive lock.
+in which a file lacks its chunks, one without a chunk table, one without any table, and one
+that a second connection holds under an exclusive lock.
 """
 
 from __future__ import annotations
@@ -26,6 +26,58 @@ ON_DISK = {2}
 NOT_UTF8_NAME = b"\xff\xfe name.txt"
 BIG = "big.txt"  # over the size from which a file is read in slices
 FILES = [(file_id, path, "text", None) for file_id, (path, _) in TEXTS.items()]
+
+
+class Raises:
+    """An object whose every use as a pattern, truth value or key raises."""
+
+    def search(self, line: str) -> Any:
+        raise RuntimeError("search failed")
+
+    def __bool__(self) -> bool:
+        raise RuntimeError("no truth")
+
+    def __eq__(self, other: object) -> bool:
+        raise RuntimeError("no equality")
+
+    __hash__ = object.__hash__
+
+
+class FoundAt:
+    """A pattern whose match starts where it is told (any object)."""
+
+    def __init__(self, start: Any) -> None:
+        self._start = start
+
+    def search(self, line: str) -> Any:
+        return self
+
+    def start(self) -> Any:
+        return self._start
+
+
+class Rows:
+    """A database handle that answers with given rows: `rows` for fetchall, `one` for
+    fetchone. An exception class is raised instead (a new instance each time: a raised one
+    keeps its traceback); a callable is called for what to give."""
+
+    db_path = Path("/r/x/y/index.db")
+
+    def __init__(self, rows: Any = (), one: Any = None) -> None:
+        self.rows = rows
+        self.one = one
+
+    @staticmethod
+    def _give(answer: Any) -> Any:
+        if isinstance(answer, type) and issubclass(answer, BaseException):
+            raise answer("the database is gone")
+        return answer() if callable(answer) else answer
+
+    def fetchall(self, sql: str, parameters: Any = ()) -> Any:
+        return self._give(self.rows)
+
+    def fetchone(self, sql: str) -> Any:
+        return self._give(self.one)
 
 
 class OneCursorDatabase:
@@ -66,6 +118,7 @@ class Workbench:
         self.databases: list[OneCursorDatabase] = []
         self.index = {store: self.build(store, store) for store in ("code_chunks", "compressed")}
         self.unchunked = self.build("unchunked", "code_chunks", skip={1})
+        self.no_chunk_table = self.build("no_chunk_table", None)
         self.bare = self.open("bare")
         self.locked = self.build("locked", "code_chunks", timeout=0)
         self.holder = sqlite3.connect(self.locked.db_path, isolation_level=None)
@@ -79,18 +132,22 @@ class Workbench:
         self.databases.append(db)
         return db
 
-    def build(self, name: str, store: str, *, skip: set[int] = frozenset(), timeout: float = 5.0) -> OneCursorDatabase:
+    def build(
+        self, name: str, store: str | None, *, skip: set[int] = frozenset(), timeout: float = 5.0
+    ) -> OneCursorDatabase:
+        """An index of TEXTS in the layout `store` (None: the files table alone)."""
         db = self.open(name, timeout=timeout)
         with db.connection:
             db.cursor.execute(
                 "CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT,"
                 " text_on_disk INTEGER NOT NULL DEFAULT 0)"
             )
-            chunk_store.create_tables(db.cursor, store)
+            if store is not None:
+                chunk_store.create_tables(db.cursor, store)
             for file_id, (path, text) in TEXTS.items():
                 on_disk = file_id in ON_DISK
                 db.cursor.execute("INSERT INTO files VALUES (?, ?, 'text', ?)", (file_id, path, int(on_disk)))
-                if not on_disk and file_id not in skip:
+                if store is not None and not on_disk and file_id not in skip:
                     chunk_store.store_chunks(db.cursor, store, file_id, model.code_chunks(text))
         return db
 
