@@ -2,17 +2,22 @@
 
 Trees: the interpreter's standard library, and the same copied several times over.  Prints
 the indexing rate and, per query, the best wall time of the command against `rg` (both run
-as programs, warm cache).  Usage: bench_search.py [--copies N] [--layout L ...] [--keep DIR]
+as programs, warm cache, taking turns so that a change of load weighs on both alike), with
+the command's peak resident size, and the time of an interpreter that does nothing, the
+floor of any command written in Python.
+Usage: bench_search.py [--copies N] [--layout L ...] [--keep DIR]
 """
 
 from __future__ import annotations
 
 import argparse
+import os
 import shutil
 import subprocess
 import sys
 import sysconfig
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -33,15 +38,57 @@ def copy_stdlib(target: Path) -> None:
     )
 
 
-def best(argv: list[str], repeats: int) -> tuple[float, int]:
-    """The best wall time of a command, and the number of lines it printed."""
-    times, lines = [], 0
-    for _ in range(repeats + 1):  # the first run warms the cache
-        start = time.perf_counter()
-        done = subprocess.run(argv, capture_output=True)
-        times.append(time.perf_counter() - start)
-        lines = done.stdout.count(b"\n")
-    return min(times[1:]), lines
+def program_env(cache: Path) -> dict[str, str]:
+    """The environment of the command as a user runs it from an installed package.
+
+    An installed package comes with its bytecode compiled, and its output is buffered;
+    a shell that says PYTHONDONTWRITEBYTECODE or PYTHONUNBUFFERED would otherwise make every
+    run compile the package again and write each line with a system call of its own.
+    """
+    env = {k: v for k, v in os.environ.items() if k not in ("PYTHONDONTWRITEBYTECODE", "PYTHONUNBUFFERED")}
+    env["PYTHONPYCACHEPREFIX"] = str(cache)
+    return env
+
+
+def run(argv: list[str], env: dict[str, str] | None = None) -> tuple[float, int, int]:
+    """Wall time, lines printed and peak resident size (MB) of one run of a command."""
+    start = time.perf_counter()
+    child = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
+    peak = [0]
+    watch = threading.Thread(target=_watch_peak, args=(child.pid, peak), daemon=True)
+    watch.start()
+    lines = sum(block.count(b"\n") for block in iter(lambda: child.stdout.read(1 << 20), b""))
+    child.wait()
+    elapsed = time.perf_counter() - start
+    watch.join()
+    return elapsed, lines, peak[0] // 1024
+
+
+def _watch_peak(pid: int, peak: list[int]) -> None:
+    # The child's own high-water mark (kB), read until it exits.  (The rusage of a child
+    # would not do: its maximum counts the parent's pages from before the exec.)
+    while True:
+        try:
+            with open(f"/proc/{pid}/status") as status:
+                for line in status:
+                    if line.startswith("VmHWM:"):
+                        peak[0] = max(peak[0], int(line.split()[1]))
+        except (OSError, ValueError):
+            return
+        if not os.path.exists(f"/proc/{pid}/status"):
+            return
+        time.sleep(0.002)
+
+
+def best(commands: list[tuple[list[str], dict[str, str] | None]], repeats: int) -> list[tuple[float, int, int]]:
+    """Per command: best wall time, lines printed, peak resident size; runs take turns."""
+    runs: list[list[tuple[float, int, int]]] = [[] for _ in commands]
+    for turn in range(repeats + 1):  # the first turn warms the cache
+        for k, (argv, env) in enumerate(commands):
+            result = run(argv, env)
+            if turn:
+                runs[k].append(result)
+    return [(min(r[0] for r in rs), rs[-1][1], max(r[2] for r in rs)) for rs in runs]
 
 
 def main() -> None:
@@ -62,7 +109,11 @@ def main() -> None:
         for n in range(args.copies):
             copy_stdlib(trees[f"stdlib x{args.copies}"] / f"copy{n}")
 
-    print(f"{'tree':<12} {'layout':<12} {'query':<22} {'velmora':>9} {'rg':>9} {'rg/velmora':>10}  lines")
+    env = program_env(work / "pycache")
+    floor, _, _ = best([([sys.executable, "-c", "pass"], env)], args.repeats)[0]
+    print(f"interpreter start-up (python -c pass): {floor * 1e3:.0f}ms")
+    print(f"{'tree':<12} {'layout':<12} {'query':<22} {'velmora':>9} {'rg':>9} {'rg/velmora':>10}  "
+          "lines  peak MB")
     for layout in layouts:
         for name, root in trees.items():
             shutil.rmtree(root / ".velmora", ignore_errors=True)
@@ -70,16 +121,16 @@ def main() -> None:
             print(f"{name:<12} {layout:<12} {'index':<22} {summary.seconds:8.1f}s "
                   f"{summary.bytes / 1e6 / summary.seconds:6.1f} MB/s ({summary.bytes / 1e6:.0f} MB)")
             for label, flags, query in QUERIES:
-                ours, ours_lines = best(
-                    [sys.executable, "-m", "velmora.cli", "search", "code", *flags, "--", query, str(root)],
-                    args.repeats,
-                )
-                line = f"{name:<12} {layout:<12} {label:<22} {ours * 1e3:7.0f}ms"
+                commands = [([sys.executable, "-m", "velmora.cli", "search", "code", *flags, "--", query, str(root)], env)]
                 if rg:
                     rg_flags = [f for f in flags if f != "--regex"] + ([] if "--regex" in flags else ["-F"])
-                    theirs, their_lines = best([rg, "-n", "--column", *rg_flags, "--", query, str(root)], args.repeats)
-                    line += f" {theirs * 1e3:7.0f}ms {theirs / ours:9.2f}x  {ours_lines} / {their_lines}"
-                print(line, flush=True)
+                    commands.append(([rg, "-n", "--column", *rg_flags, "--", query, str(root)], None))
+                (ours, ours_lines, peak), *theirs = best(commands, args.repeats)
+                line = f"{name:<12} {layout:<12} {label:<22} {ours * 1e3:7.0f}ms"
+                if theirs:
+                    their_time, their_lines, _ = theirs[0]
+                    line += f" {their_time * 1e3:7.0f}ms {their_time / ours:9.2f}x  {ours_lines} / {their_lines}"
+                print(f"{line}  {peak}", flush=True)
     if not args.keep:
         shutil.rmtree(work)
 
