@@ -30,17 +30,24 @@ PyObject* execute_and_fetch(PyObject* cursor, const char* sql, PyObject* paramet
     return call_method(executed.get(), fetch);
 }
 
+// row[index], as the host's subscription gives it: a row that is a mapping is looked up by
+// key, as the plain code would.
+PyObject* item(PyObject* row, Py_ssize_t index) {
+    Owned key(PyLong_FromSsize_t(index));
+    return key ? PyObject_GetItem(row, key.get()) : nullptr;
+}
+
 // The ids of the selected files that the rule sends to disk, in row order.
 PyObject* marked_ids(ModuleState* state, PyObject* rows) {
     Owned marked(PyList_New(0));
     Owned iterator(marked ? PyObject_GetIter(rows) : nullptr);
     if (!iterator) return nullptr;
     while (Owned row{PyIter_Next(iterator.get())}) {
-        Owned id_value(PySequence_GetItem(row.get(), 0));
+        Owned id_value(item(row.get(), 0));
         Owned id(id_value ? PyNumber_Long(id_value.get()) : nullptr);
-        Owned language_value(id ? PySequence_GetItem(row.get(), 1) : nullptr);
+        Owned language_value(id ? item(row.get(), 1) : nullptr);
         Owned language(language_value ? PyObject_Str(language_value.get()) : nullptr);
-        Owned size_value(language ? PySequence_GetItem(row.get(), 2) : nullptr);
+        Owned size_value(language ? item(row.get(), 2) : nullptr);
         Owned size(size_value ? PyNumber_Long(size_value.get()) : nullptr);
         if (!size) return nullptr;
         const int kept = kept_on_disk(state, language.get(), size.get());
