@@ -97,6 +97,25 @@ class Cursor:
         return self.answer
 
 
+class Selected:
+    """A cursor over an index with code_chunks whose selection gives `rows`."""
+
+    def __init__(self, rows: Any) -> None:
+        self.rows = rows
+
+    def execute(self, *args: Any) -> Selected:
+        return self
+
+    def executemany(self, *args: Any) -> Selected:
+        return self
+
+    def fetchone(self) -> Any:
+        return (1,)
+
+    def fetchall(self) -> Any:
+        return self.rows
+
+
 # Every parameter gets these.
 GENERIC: dict[str, Any] = {
     "None": None,
@@ -194,6 +213,9 @@ BY_KIND: dict[str, dict[str, Any]] = {
         "fetchone float": Fresh(lambda b, impl: Rows(one=(2.5, "1, 2,,3")), "fetchone float"),
         "fetchone huge": Fresh(lambda b, impl: Rows(one=(0, "1" * 40)), "fetchone huge"),
         "no methods": object(),
+        "db_path text": Fresh(lambda b, impl: with_path("r/x/y/index.db"), "db_path text"),
+        "db_path None": Fresh(lambda b, impl: with_path(None), "db_path None"),
+        "db_path short": Fresh(lambda b, impl: with_path(Path("index.db")), "db_path short"),
     },
     "cursor": {
         "locked": Fresh(lambda b, impl: b.locked.connection.cursor(), "locked"),
@@ -201,6 +223,11 @@ BY_KIND: dict[str, dict[str, Any]] = {
         "no files table": Fresh(lambda b, impl: sqlite3.connect(":memory:").execute(native.CODE_CHUNKS_DDL), "no files"),
         "closed": Fresh(lambda b, impl: closed_cursor(), "closed"),
         "execute gives None": Cursor(None), "execute gives rows": Cursor(Rows()),
+        "text values": Selected([("7", "json", "40000")]), "float values": Selected([(7.5, "json", 40000.5)]),
+        "huge values": Selected([(2**70, "json", 10**20)]), "short row": Selected([(7, "json")]),
+        "None row": Selected([None]), "not rows": Selected(5), "text row": Selected(["abc"]),
+        "mapping row": Selected([{0: 7, 1: "json", 2: 40000}]), "mapping without keys": Selected([{"id": 7}]),
+        "None language": Selected([(7, None, 40000)]), "bad size": Selected([(7, "json", "big")]),
     },
     "store": {"compressed": "compressed", "code_chunks": "code_chunks", "other text": "zzz", "bytes": b"compressed"},
     "files": {
@@ -211,6 +238,10 @@ BY_KIND: dict[str, dict[str, Any]] = {
     "candidates": {"not dict": [(1, [])], "mapping": {1: "not a list"}, "bad keys": {"1": []}},
     "disk": {"model's": Fresh(lambda b, impl: model.DiskText(b.repo, "key", True), "a DiskText of the model")},
     "on_disk": {"list": [2], "text": "2", "dict": {2: None}, "huge": frozenset({2**200})},
+    "read": {
+        "one value": (1,), "no lines": (1, None), "text lines": (1, "ab"), "key raises": (Raises(), []),
+        "float key": (1.0, ["x"]), "a list": [1, ["x"]], "three values": (1, ["x"], 2), "other id": (3, ["x"]),
+    },
     "file_id": {"float 1.0": 1.0, "float 2.0": 2.0, "text": "1", "bool": True, "2**63": 2**63},
     "any": {},
 }
@@ -222,6 +253,12 @@ class PathLike:
 
     def __fspath__(self) -> str:
         return str(self.path)
+
+
+def with_path(db_path: Any) -> Rows:
+    db = Rows(rows=[], one=(0, ""))
+    db.db_path = db_path
+    return db
 
 
 def closed_cursor() -> sqlite3.Cursor:
@@ -238,11 +275,23 @@ class Target:
     params: dict[str, tuple[str, Any]]  # name: (kind, good value)
     keyword_only: tuple[str, ...] = ()
     observe: Callable[[Any], Any] | None = None  # what to ask of what a constructor made
-    kinds: dict[str, str] = field(default_factory=dict)
+    fields: dict[str, tuple[str, Any]] = field(default_factory=dict)  # of a method's object
 
 
 def disk_text(needle: str | None = "key") -> Callable[[workbench.Workbench, Any], Any]:
     return lambda b, impl: impl.DiskText(b.repo, needle, True)
+
+
+def loading(b: workbench.Workbench, impl: Any) -> Any:
+    """A DiskText of a subclass whose _load gives its field `answer`."""
+
+    class Loading(impl.DiskText):
+        def _load(self, file_id: int, path: str) -> Any:
+            return self.answer
+
+    made = Loading(b.repo, "key", True)
+    made.answer = ["a"]
+    return made
 
 
 def chunk_text(store: str) -> Callable[[workbench.Workbench, Any], Any]:
@@ -326,6 +375,26 @@ TARGETS: dict[str, Target] = {
     "ChunkText.lines compressed": Target(
         lambda b, impl: chunk_text("compressed")(b, impl).lines,
         {"file_id": ("file_id", 3), "path": ("relative", "f3.txt")}),
+    # The fields of the two classes, set by the host between calls.
+    "DiskText.lines fields": Target(
+        lambda b, impl: disk_text()(b, impl).lines, {"file_id": ("file_id", 1), "path": ("relative", "f1.py")},
+        fields={"_root": ("path", HERE), "_needle": ("needle", "key"), "_case_sensitive": ("flag", True),
+                "_read": ("read", None)}),
+    "DiskText.segments of a subclass": Target(
+        lambda b, impl: loading(b, impl).segments, {"file_id": ("file_id", 1), "path": ("relative", "f1.py")},
+        fields={"answer": ("lines", ["a"])}),
+    "DiskText.lines of a subclass": Target(
+        lambda b, impl: loading(b, impl).lines, {"file_id": ("file_id", 1), "path": ("relative", "f1.py")},
+        fields={"answer": ("lines", ["a"])}),
+    "ChunkText.lines fields": Target(
+        lambda b, impl: chunk_text("code_chunks")(b, impl).lines,
+        {"file_id": ("file_id", 1), "path": ("relative", "f1.py")},
+        fields={"_db": ("db", index("code_chunks")), "_store": ("store", "code_chunks"),
+                "_on_disk": ("on_disk", frozenset({2})), "_read": ("read", None)}),
+    "ChunkText.segments fields": Target(
+        lambda b, impl: chunk_text("code_chunks")(b, impl).segments,
+        {"file_id": ("file_id", 2), "path": ("relative", "f2.json")},
+        fields={"_candidates": ("candidates", {}), "_disk": ("disk", DISK), "_on_disk": ("on_disk", frozenset({2}))}),
     "text_source": Target(
         lambda b, impl: impl.text_source,
         {"db": ("db", index("code_chunks")), "files": ("files", FILES), "needle": ("needle", "key"),
@@ -356,7 +425,9 @@ def shape(value: Any) -> Any:
         return ("float", "nan")
     if isinstance(value, str):
         return (type(value).__name__, str(value))
-    return (type(value).__name__, value)
+    if isinstance(value, (int, float, bytes, bytearray, type(None))):
+        return (type(value).__name__, value)
+    return (type(value).__name__,)  # an object handed through: which one is not compared
 
 
 def outcome(call: Callable[[], Any], then: Callable[[Any], Any] | None = None) -> Any:
@@ -396,9 +467,13 @@ def run(bench: workbench.Workbench, impl: Any, name: str, param: str | None, bad
 
     good = {p: resolve(v, bench, impl) for p, (_, v) in target.params.items()}
     bad_values = dict(good)
-    if param is not None:
+    if param in target.fields:
+        setattr(function.__self__, param, resolve(bad, bench, impl))
+    elif param is not None:
         bad_values[param] = resolve(bad, bench, impl)
     first = outcome(call(bad_values), observe_of(target))
+    if param in target.fields:
+        setattr(function.__self__, param, resolve(target.fields[param][1], bench, impl))
     good = {p: resolve(v, bench, impl) for p, (_, v) in target.params.items()}
     return first, outcome(call(good), observe_of(target))
 
@@ -413,7 +488,7 @@ def run_once(bench: workbench.Workbench, impl: Any, name: str, param: str, bad: 
 def cases() -> list[tuple[str, str, str]]:
     made = []
     for name, target in TARGETS.items():
-        for param, (kind, _) in target.params.items():
+        for param, (kind, _) in {**target.params, **target.fields}.items():
             for value in [*GENERIC, *BY_KIND[kind]]:
                 made.append((name, param, value))
     return made
@@ -448,7 +523,7 @@ def bench(tmp_path_factory: pytest.TempPathFactory) -> Iterator[workbench.Workbe
 
 @pytest.mark.parametrize(("name", "param", "value"), CASES, ids=[" ".join(case) for case in CASES])
 def test_a_bad_input_gets_the_models_answer(bench: workbench.Workbench, name: str, param: str, value: str) -> None:
-    kind = TARGETS[name].params[param][0]
+    kind = {**TARGETS[name].params, **TARGETS[name].fields}[param][0]
     bad = GENERIC[value] if value in GENERIC else BY_KIND[kind][value]
     want = run(bench, model, name, param, bad)
     got = run(bench, native, name, param, bad)
