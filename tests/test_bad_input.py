@@ -30,7 +30,7 @@ import pytest
 
 import model
 import workbench
-from workbench import FILES, FoundAt, Raises, Rows
+from workbench import FILES, FoundAt, Raises, Rows, Selected
 from velmora.storage import chunk_store
 from velmora.storage import code_text as native
 
@@ -95,25 +95,6 @@ class Cursor:
 
     def execute(self, *args: Any) -> Any:
         return self.answer
-
-
-class Selected:
-    """A cursor over an index with code_chunks whose selection gives `rows`."""
-
-    def __init__(self, rows: Any) -> None:
-        self.rows = rows
-
-    def execute(self, *args: Any) -> Selected:
-        return self
-
-    def executemany(self, *args: Any) -> Selected:
-        return self
-
-    def fetchone(self) -> Any:
-        return (1,)
-
-    def fetchall(self) -> Any:
-        return self.rows
 
 
 # Every parameter gets these.

@@ -26,7 +26,7 @@ from typing import Any, Callable, Iterator
 import pytest
 
 import workbench
-from workbench import FoundAt, Raises, Rows
+from workbench import FoundAt, Raises, Rows, Selected
 from velmora.storage import code_text as native
 
 ROUNDS = 2_000
@@ -76,6 +76,10 @@ def drain(iterator: Iterator[Any], count: int | None = None) -> None:
             pass
     except Exception:  # noqa: BLE001
         pass
+
+
+class Int(int):
+    pass
 
 
 class Subclassed(native.DiskText):
@@ -170,6 +174,9 @@ def cases(bench: workbench.Workbench) -> dict[str, tuple[Callable[[], Any], int]
         "_chunk_lines none": (lambda: native._chunk_lines(1, 0, "a"), ROUNDS),
         "_chunk_lines bad": (fails(native._chunk_lines, "1", 2, "a"), ROUNDS),
         "keep_large_data_on_disk": (migration(), ROUNDS // 4),
+        "keep_large_data_on_disk mapping rows": (
+            lambda: native.keep_large_data_on_disk(Selected([{0: 7, 1: "json", 2: 10}, (8, "json", 40_000)])), ROUNDS),
+        "keep_large_data_on_disk odd rows": (fails(native.keep_large_data_on_disk, Selected([(7, "json")])), ROUNDS),
         "keep_large_data_on_disk no table": (
             lambda: native.keep_large_data_on_disk(bench.bare.cursor), ROUNDS),
         "keep_large_data_on_disk no files": (
@@ -212,6 +219,8 @@ def cases(bench: workbench.Workbench) -> dict[str, tuple[Callable[[], Any], int]
         "context tuple": (lambda: native.context(tuple(lines), 0, 3, 1), ROUNDS),
         "context empty": (lambda: native.context(lines, 9, 2), ROUNDS),
         "context bad": (fails(native.context, lines, 1.5, 2), ROUNDS),
+        "context int subclass": (lambda: native.context(lines, Int(2), Int(4), Int(1)), ROUNDS),
+        "context float over nothing": (lambda: native.context(lines, 9, 2, 1.5), ROUNDS),
         "context bad lines": (fails(native.context, 5, 1, 2), ROUNDS),
         "Segment": (lambda: native.Segment(1, ["a"], True)._replace(first=2), ROUNDS),
         "Segment bad": (fails(native.Segment, 1, ["a"]), ROUNDS),

@@ -80,6 +80,26 @@ class Rows:
         return self._give(self.one)
 
 
+class Selected:
+    """A migration's cursor over an index with code_chunks whose selection gives `rows`;
+    what it is asked to change is dropped."""
+
+    def __init__(self, rows: Any) -> None:
+        self.rows = rows
+
+    def execute(self, *args: Any) -> Selected:
+        return self
+
+    def executemany(self, *args: Any) -> Selected:
+        return self
+
+    def fetchone(self) -> Any:
+        return (1,)
+
+    def fetchall(self) -> Any:
+        return self.rows
+
+
 class OneCursorDatabase:
     """The host's Database, running every statement on one cursor.
 
