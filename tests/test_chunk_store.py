@@ -83,6 +83,7 @@ def test_compressed_rows_and_file_rows(tmp_path, sqlite):
     # Consecutive ids are read as one range; ids scattered over more runs than the range
     # queries take are read in one pass over the table, filtered.
     assert all_rows(db, set(range(1, 200))) == expected_rows(FILES, FILES)
+    assert all_rows(db, {1, 3}) == expected_rows(FILES, {1, 3})
     assert all_rows(db, set(range(1, 2000, 2))) == expected_rows(FILES, {1, 3})
     for file_id, chunks in FILES.items():
         assert chunk_store.file_rows(db, file_id * STRIDE, (file_id + 1) * STRIDE) == chunks

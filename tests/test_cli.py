@@ -177,6 +177,16 @@ def test_text_output_like_grep(repo, capsys):
     assert out == "\x1b[35mcr.txt\x1b[0m:\x1b[32m2\x1b[0m:6:beta \x1b[1;31mneedle\x1b[0m\n"
 
 
+@pytest.mark.parametrize("layout", LAYOUTS)
+def test_max_count_stops_within_and_across_chunks(repo, capsys, layout):
+    (repo / "many.txt").write_text("".join(f"hit {n}\n" for n in range(1, 201)))
+    run(capsys, "index", "--layout", layout, repo)
+    for count in (0, 3, 64, 70, 500):
+        code, out, _ = run(capsys, "search", "code", "-g", "many.txt", "-m", str(count), "hit", repo)
+        assert out == "".join(f"many.txt:{n}:1:hit {n}\n" for n in range(1, min(count, 200) + 1))
+        assert code == (0 if count else 1)
+
+
 def test_globs_and_max_count(repo, capsys):
     run(capsys, "index", repo)
     code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e", repo)
