@@ -60,9 +60,13 @@ PyObject* lf_pieces(PyObject* text) {
             const auto* stop = find_lf(start, end);
             PyObject* piece = substring(text, static_cast<size_t>(start - data),
                                         static_cast<size_t>(stop - data));
-            if (piece == nullptr) return nullptr;
-            PyList_SET_ITEM(list.get(), k, piece);
-            if (!countdown.pass_item(static_cast<size_t>(stop - start))) return nullptr;
+            if (piece != nullptr) PyList_SET_ITEM(list.get(), k, piece);
+            if (piece == nullptr || !countdown.pass_item(static_cast<size_t>(stop - start))) {
+                // Only the pieces made are let go of: the rest of a huge list, never
+                // written, is not walked (Ctrl-C is answered at once).
+                Py_SET_SIZE(list.get(), piece ? k + 1 : k);
+                return nullptr;
+            }
             start = stop + 1;
         }
         return list.release();
