@@ -11,9 +11,11 @@ The values: wrong types, None where text is expected, huge and negative integers
 strings with lone surrogates, str subclasses, objects whose truth, equality or hash raise;
 per kind of parameter also paths that are not UTF-8 (bytes, surrogate escapes), links,
 directories and missing files, databases that are locked, lack a table, or hand back rows of
-odd shapes, patterns whose search raises or whose match starts anywhere. BAD_INPUTS counts
-them. Scenarios that need a change between calls (a file replaced by a link or a directory)
-are at the end.
+odd shapes, patterns whose search raises or whose match starts anywhere; the fields of the
+two classes set to such values between calls. BAD_INPUTS counts them all. Where the native
+module checks an argument's type at the door (CHECKED), its TypeError stands for the
+model's later error. Scenarios that need a change between calls (a file replaced by a link
+or a directory, a database locked) are at the end.
 """
 
 from __future__ import annotations
@@ -380,7 +382,7 @@ TARGETS: dict[str, Target] = {
         lambda b, impl: impl.text_source,
         {"db": ("db", index("code_chunks")), "files": ("files", FILES), "needle": ("needle", "key"),
          "case_sensitive": ("flag", True), "store": ("store", "code_chunks")},
-        keyword_only=("store",), observe=None),
+        keyword_only=("store",), observe=read_found),
     "_chunk_state": Target(
         lambda b, impl: impl._chunk_state, {"db": ("db", index("code_chunks")), "store": ("store", "code_chunks")}),
     "_candidate_chunks": Target(
@@ -430,12 +432,6 @@ def outcome(call: Callable[[], Any], then: Callable[[Any], Any] | None = None) -
     return ("value", shape(value))
 
 
-def observe_of(target: Target) -> Callable[[Any], Any] | None:
-    if target.observe is not None:
-        return target.observe
-    return read_found if target is TARGETS["text_source"] else None
-
-
 def run(bench: workbench.Workbench, impl: Any, name: str, param: str | None, bad: Any) -> tuple[Any, Any]:
     """The bad call and the good call after it, on one side."""
     target = TARGETS[name]
@@ -452,11 +448,11 @@ def run(bench: workbench.Workbench, impl: Any, name: str, param: str | None, bad
         setattr(function.__self__, param, resolve(bad, bench, impl))
     elif param is not None:
         bad_values[param] = resolve(bad, bench, impl)
-    first = outcome(call(bad_values), observe_of(target))
+    first = outcome(call(bad_values), target.observe)
     if param in target.fields:
         setattr(function.__self__, param, resolve(target.fields[param][1], bench, impl))
     good = {p: resolve(v, bench, impl) for p, (_, v) in target.params.items()}
-    return first, outcome(call(good), observe_of(target))
+    return first, outcome(call(good), target.observe)
 
 
 def run_once(bench: workbench.Workbench, impl: Any, name: str, param: str, bad: Any) -> Any:

@@ -20,7 +20,6 @@ import itertools
 import re
 import sqlite3
 import sys
-from pathlib import Path
 from typing import Any, Callable, Iterator
 
 import pytest
