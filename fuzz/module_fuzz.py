@@ -46,10 +46,14 @@ from velmora.storage import code_text as native  # noqa: E402
 
 LANGUAGES = ("json", "python", "JSON", "json ", "", "\u0130json")
 EDGE_NEEDLES = ("", "k", "i", "ki", "ik", "K", "I", "i\u0307", "\u03c3", "\u00e9", "\x00", "\n", "zz", "\ud800")
-# Pieces of generated regexes: none is quantified twice, so none backtracks for long.
+# Pieces of generated regexes. At most one quantifier in a regex is unbounded and none
+# applies to an alternation, and texts searched by a regex are short: no search backtracks
+# for long.
 REGEX_CLASSES = ("[a-c]", "[^a]", "[A-Z0-9]", "[\u00e9\u0130]", r"\d", r"\w", r"\s", r"\W", ".", r"\b", "(?=a)", "(?<!k)")
 REGEX_FLAGS = ("", "", "", "(?i)", "(?m)", "(?s)", "(?a)", "(?x)", "(?ia)", "(?i:k)")
-REGEX_QUANTIFIERS = ("", "", "", "*", "+", "?", "{1,2}", "*?", "{2}")
+BOUNDED = ("", "", "", "?", "{1,2}", "{2}")
+UNBOUNDED = ("*", "+", "*?")
+REGEX_TEXT = 400
 
 
 class Str(str):
@@ -111,19 +115,24 @@ class Draw:
     def regex(self, text: str) -> re.Pattern[str] | None:
         """A small regex, its literals mostly taken from ``text``."""
         parts = [self.choice(REGEX_FLAGS), "^" if self.chance(2) else ""]
+        unbounded = True
         for _ in range(self.byte() % 5):
             kind = self.byte() % 4
-            if kind == 0:
-                atom = self.choice(REGEX_CLASSES)
-            elif kind == 1:
+            quantifiers = BOUNDED
+            if kind == 1:
                 alternatives = [re.escape(self.needle_for(text)[:3]) for _ in range(1 + self.byte() % 3)]
                 atom = "(" + "|".join(alternatives) + ")"
             else:
-                start = self.below(len(text) + 1)
-                atom = re.escape(text[start : start + 1 + self.byte() % 4]) or "a"
-                if self.chance(8):
-                    atom = "(?:" + atom + ")"
-            parts.append(atom + self.choice(REGEX_QUANTIFIERS))
+                if kind == 0:
+                    atom = self.choice(REGEX_CLASSES)
+                else:
+                    start = self.below(len(text) + 1)
+                    atom = re.escape(text[start : start + 1 + self.byte() % 4]) or "a"
+                    atom = "(?:" + atom + ")" if self.chance(8) else atom
+                quantifiers = BOUNDED + UNBOUNDED if unbounded else BOUNDED
+            quantifier = self.choice(quantifiers)
+            unbounded = unbounded and quantifier not in UNBOUNDED
+            parts.append(atom + quantifier)
         parts.append("$" if self.chance(2) else "")
         try:
             return re.compile("".join(parts))
@@ -236,8 +245,8 @@ def fuzz_chunk_lines(d: Draw) -> None:
     both("_chunk_lines", typed, (start, end, text), lambda m: m._chunk_lines(start, end, text))
 
 
-def some_lines(d: Draw) -> tuple[Any, bool, str]:
-    text = d.text()
+def some_lines(d: Draw, limit: int = 2048) -> tuple[Any, bool, str]:
+    text = d.text(limit)
     if d.chance(1):
         return d.odd(), False, text
     lines: Any = text.splitlines() if d.chance(12) else text.split("\x00")
@@ -268,9 +277,10 @@ def side(value: Any) -> Any:
 
 
 def fuzz_line_matches(d: Draw) -> None:
-    lines, typed, text = some_lines(d)
+    regex = d.chance(5)
+    lines, typed, text = some_lines(d, REGEX_TEXT if regex else 2048)
     needle: Any = d.needle_for(text)
-    pattern = d.regex(text) if d.chance(5) else None
+    pattern = d.regex(text) if regex else None
     case_sensitive: Any = d.chance(8)
     if d.chance(1):
         needle = d.odd()
@@ -285,11 +295,12 @@ def fuzz_line_matches(d: Draw) -> None:
 
 def fuzz_line_matches_steps(d: Draw) -> None:
     """A match at a time, the list of lines changed between steps the same way on both sides."""
-    lines, typed, text = some_lines(d)
+    regex = d.chance(4)
+    lines, typed, text = some_lines(d, REGEX_TEXT if regex else 2048)
     if not isinstance(lines, list):
         return
     needle = d.needle_for(text)
-    pattern = d.regex(text) if d.chance(4) else None
+    pattern = d.regex(text) if regex else None
     case_sensitive = d.chance(8)
     held = {m: list(lines) for m in (native, model)}
     runs = {m: m.line_matches(held[m], needle, pattern, case_sensitive) for m in (native, model)}
