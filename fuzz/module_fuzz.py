@@ -57,7 +57,7 @@ REGEX_TEXT = 400
 
 
 class Str(str):
-    """A str of the host's own making: every method is str's."""
+    """A str subclass that overrides nothing: the module must treat it as the str it is."""
 
 
 ODD = (
@@ -68,7 +68,7 @@ INTS = (0, 1, -1, 2, 63, 64, 65, 2**31, 2**63 - 1, 2**63, 2**64 + 1, 2**70, -(2*
 
 
 class Mismatch(AssertionError):
-    pass
+    """The module and the model disagree."""
 
 
 class Draw:
