@@ -155,10 +155,7 @@ class Draw:
 
 def same(a: Any, b: Any) -> bool:
     """Equal by value and by type, all the way down (NaN equal to itself). Each side has its
-    own ``Segment`` class: those compare by name and fields. An empty str may be a str
-    subclass on one side: the host's split hands back an empty subclass instance itself."""
-    if isinstance(a, str) and isinstance(b, str) and a == b == "":
-        return True
+    own ``Segment`` class: those compare by name and fields."""
     if type(a) is not type(b):
         named = isinstance(a, tuple) and isinstance(b, tuple) and hasattr(a, "_fields")
         if not (named and type(a).__name__ == type(b).__name__ and a._fields == getattr(b, "_fields", None)):

@@ -50,6 +50,12 @@ size_t count_lf(const Char* data, size_t length) {
 PyObject* lf_pieces(PyObject* text) {
     SignalCountdown countdown;  // a huge text may hold millions of pieces
     return visit_text(text, [&](const auto* data, size_t length) -> PyObject* {
+        // The host's split gives an empty text back as it is, a str subclass included.
+        if (length == 0) {
+            PyObject* whole = PyList_New(1);
+            if (whole != nullptr) PyList_SET_ITEM(whole, 0, Py_NewRef(text));
+            return whole;
+        }
         // Counted first, so that the list is made at its size rather than grown.
         const auto count = static_cast<Py_ssize_t>(count_lf(data, length) + 1);
         Owned list(PyList_New(count));
