@@ -144,3 +144,13 @@ def test_keywords_are_accepted() -> None:
     assert native.code_chunks(text="a") == [(1, 1, "a")]
     assert native._chunk_lines(start_line=1, end_line=1, text="") == [""]
     assert native.text_kept_on_disk(language="json", text_bytes=32769) is True
+
+
+class Text(str):
+    pass
+
+
+@pytest.mark.parametrize("text", ["", Text(""), Text("a"), Text("a\nb")])
+def test_chunk_lines_give_what_the_hosts_split_gives(text: str) -> None:
+    got, want = native._chunk_lines(1, 1, text), model._chunk_lines(1, 1, text)
+    assert got == want and [type(x) for x in got] == [type(x) for x in want]
