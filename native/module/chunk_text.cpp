@@ -1,6 +1,7 @@
 // ChunkText: the text source over the index's chunks. Segments are the candidates chosen
 // before the search; lines are read from all of a file's chunks and the last file kept;
 // files whose text the index keeps on disk go to the DiskText it holds.
+#include "module/heap_type.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
 #include "module/signals.hpp"
@@ -242,14 +243,6 @@ int chunk_text_clear(PyObject* self) {
     return 0;
 }
 
-void chunk_text_dealloc(PyObject* self) {
-    PyTypeObject* type = Py_TYPE(self);
-    PyObject_GC_UnTrack(self);
-    chunk_text_clear(self);
-    type->tp_free(self);
-    Py_DECREF(type);
-}
-
 PyMethodDef chunk_text_methods[] = {
     {"segments", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(segments)),
      METH_METHOD | METH_FASTCALL | METH_KEYWORDS,
@@ -284,7 +277,7 @@ PyType_Slot chunk_text_slots[] = {
     {Py_tp_new, reinterpret_cast<void*>(PyType_GenericNew)},
     {Py_tp_traverse, reinterpret_cast<void*>(chunk_text_traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(chunk_text_clear)},
-    {Py_tp_dealloc, reinterpret_cast<void*>(chunk_text_dealloc)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(gc_dealloc<chunk_text_clear>)},
     {Py_tp_methods, chunk_text_methods},
     {Py_tp_members, chunk_text_members},
     {0, nullptr},

@@ -3,6 +3,7 @@
 // The fields are the host's attributes (_root, _needle, _case_sensitive, _read) and are
 // read afresh at each use, as a plain class's methods would. The cache is the pair
 // (file id, lines or None) in _read; the list in it is what callers get, never a copy.
+#include "module/heap_type.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
 
@@ -40,14 +41,6 @@ int clear(PyObject* self) {
     Py_CLEAR(disk->case_sensitive);
     Py_CLEAR(disk->read);
     return 0;
-}
-
-void dealloc(PyObject* self) {
-    PyTypeObject* type = Py_TYPE(self);
-    PyObject_GC_UnTrack(self);
-    clear(self);
-    type->tp_free(self);
-    Py_DECREF(type);
 }
 
 // A field as the host sees it: a new reference, or AttributeError when it was deleted.
@@ -232,7 +225,7 @@ PyType_Slot disk_text_slots[] = {
     {Py_tp_init, reinterpret_cast<void*>(init)},
     {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(clear)},
-    {Py_tp_dealloc, reinterpret_cast<void*>(dealloc)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(gc_dealloc<clear>)},
     {Py_tp_methods, disk_text_methods},
     {Py_tp_members, disk_text_members},
     {0, nullptr},

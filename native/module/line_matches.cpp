@@ -17,6 +17,7 @@
 // without it gets None from search and is skipped without asking. The run is read off
 // the host's own parse of the pattern (re._parser), once per pattern.
 #include "core/ascii_search.hpp"
+#include "module/heap_type.hpp"
 #include "module/args.hpp"
 #include "module/definitions.hpp"
 #include "module/signals.hpp"
@@ -70,14 +71,6 @@ int clear(PyObject* self) {
     Py_CLEAR(it->search);
     Py_CLEAR(it->literal);
     return 0;
-}
-
-void dealloc(PyObject* self) {
-    PyTypeObject* type = Py_TYPE(self);
-    PyObject_GC_UnTrack(self);
-    clear(self);
-    type->tp_free(self);
-    Py_DECREF(type);
 }
 
 // The next line as a new reference; null at the end (no error) or on an error.
@@ -393,7 +386,7 @@ PyObject* iternext(PyObject* self) {
 PyType_Slot line_matches_slots[] = {
     {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
     {Py_tp_clear, reinterpret_cast<void*>(clear)},
-    {Py_tp_dealloc, reinterpret_cast<void*>(dealloc)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(gc_dealloc<clear>)},
     {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
     {Py_tp_iternext, reinterpret_cast<void*>(iternext)},
     {0, nullptr},
