@@ -127,7 +127,7 @@ def _search(args: argparse.Namespace) -> int:
         db.read_only()
         files = select_files(db, args.glob)
         results, reason = search(
-            db, query, files, context_lines=args.context, max_count=args.max_count
+            db, query, files, before=args.context, after=args.context, max_count=args.max_count
         )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)
@@ -151,7 +151,10 @@ def _search(args: argparse.Namespace) -> int:
 def _json_text(path: str, hits: list[Hit]) -> str:
     encode = _json_encoder().encode
     return "".join([
-        encode({"path": path, "line": line, "column": column + 1, "context": records}) + "\n"
+        encode({
+            "path": path, "line": line, "column": column + 1,
+            "context": [{"line": number, "content": text} for number, text in records],
+        }) + "\n"
         for line, column, records in hits
     ])
 
@@ -170,7 +173,7 @@ def _text(path: str, hits: list[Hit], query: Query, with_context: bool, color: b
     if not (with_context or color):
         # Without context lines each hit's context is its own line alone.
         return "".join([
-            f"{path}:{line}:{column + 1}:{records[0]['content']}\n"
+            f"{path}:{line}:{column + 1}:{records[0][1]}\n"
             for line, column, records in hits
         ])
     shown_path = f"{_PATH}{path}{_RESET}" if color else path
@@ -178,8 +181,7 @@ def _text(path: str, hits: list[Hit], query: Query, with_context: bool, color: b
     printed = 0
     out: list[str] = []
     for hit in hits:
-        for record in hit.context:
-            number, content = record["line"], record["content"]
+        for number, content in hit.context:
             if number <= printed:
                 continue
             if with_context and printed and number > printed + 1:

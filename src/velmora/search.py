@@ -5,7 +5,7 @@ from __future__ import annotations
 import re
 from collections.abc import Iterable, Iterator, Sequence
 from itertools import islice
-from typing import Any, NamedTuple
+from typing import NamedTuple
 
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
@@ -49,11 +49,12 @@ class Query(NamedTuple):
 
 
 class Hit(NamedTuple):
-    """One matching line: its number, the 0-based column of the match, and its context."""
+    """One matching line: its number, the 0-based column of the match, and its context: the
+    (number, text) of each line from ``line - before`` to ``line + after``, clipped to the file."""
 
     line: int
     column: int
-    context: list[dict[str, Any]]
+    context: list[tuple[int, str]]
 
 
 def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
@@ -78,7 +79,8 @@ def search(
     query: Query,
     files: Sequence[code_text.FileRow],
     *,
-    context_lines: int = 0,
+    before: int = 0,
+    after: int = 0,
     max_count: int | None = None,
 ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
     """The matches file by file, and why the files are read from disk (None if they aren't)."""
@@ -93,7 +95,9 @@ def search(
             segments = segments_of(file_id, path)
             # Most files of a selective search have no candidate: nothing more to do.
             if segments:
-                hits = _file_hits(source, file_id, path, segments, query, context_lines, max_count)
+                hits = _file_hits(
+                    source, file_id, path, segments, query, before, after, max_count
+                )
                 if hits:
                     yield path, hits
 
@@ -106,12 +110,13 @@ def _file_hits(
     path: str,
     segments: list[code_text.Segment],
     query: Query,
-    context_lines: int,
+    before: int,
+    after: int,
     max_count: int | None,
 ) -> list[Hit]:
     # Runs once per match: the work per match is kept to the module's calls and a tuple.
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
-    line_matches, context = code_text.line_matches, code_text.context
+    line_matches = code_text.line_matches
     hits: list[Hit] = []
     for first, lines, last in segments:
         found: Iterable[tuple[int, int]] = line_matches(lines, needle, pattern, case_sensitive)
@@ -120,10 +125,10 @@ def _file_hits(
             if room <= 0:
                 break
             found = islice(found, room)  # stops the scan at the last match wanted
-        if not context_lines:
+        if not (before or after):
             # A match's context is its own line, always inside the segment.
             hits += [
-                _new_hit(Hit, (line, column, context(lines, line, line, first)))
+                _new_hit(Hit, (line, column, [(line, lines[number - 1])]))
                 for number, column in found
                 for line in (first + number - 1,)
             ]
@@ -131,14 +136,20 @@ def _file_hits(
         end = first + len(lines) - 1
         for number, column in found:
             line = first + number - 1
-            low, high = max(1, line - context_lines), line + context_lines
+            low, high = max(1, line - before), line + after
             if low >= first and (high <= end or last):
-                records = context(lines, low, high, first)
+                hits.append(_new_hit(Hit, (line, column, _numbered(lines, first, low, high))))
             else:
                 # The context reaches past the segment: take it from the whole file.
-                records = context(source.lines(file_id, path), low, high)
-            hits.append(_new_hit(Hit, (line, column, records)))
+                whole = source.lines(file_id, path)
+                hits.append(_new_hit(Hit, (line, column, _numbered(whole, 1, low, high))))
     return hits
+
+
+def _numbered(lines: list[str], first: int, low: int, high: int) -> list[tuple[int, str]]:
+    """Lines ``low`` to ``high`` of ``lines`` (whose first is line ``first``), clipped to them."""
+    low = max(low, first)
+    return list(zip(range(low, high + 1), lines[low - first : high - first + 1]))
 
 
 # Makes a Hit without the Python-level constructor of a named tuple.
