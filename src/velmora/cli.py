@@ -13,7 +13,8 @@ from pathlib import Path
 from typing import TYPE_CHECKING
 
 from velmora import schema
-from velmora.search import Hit, Query, QueryError, search, select_files
+from velmora.api import Repository, RepositoryError, find_root
+from velmora.search import Hit, Query, QueryError
 
 if TYPE_CHECKING:
     import json
@@ -39,7 +40,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     gc.disable()
     try:
         return args.run(args)
-    except (UsageError, QueryError, schema.SchemaError) as error:
+    except (UsageError, QueryError, RepositoryError, schema.SchemaError) as error:
         print(f"velmora: error: {error}", file=sys.stderr)
         return 2
     except sqlite3.Error as error:
@@ -96,11 +97,7 @@ def _count(text: str) -> int:
 
 
 def _repo(text: str | None) -> Path:
-    text = text or "."
-    root = Path(text).resolve()
-    if not root.is_dir():
-        raise UsageError(f"no such repository: {text}")
-    return root
+    return find_root(text or ".")
 
 
 def _index(args: argparse.Namespace) -> int:
@@ -122,12 +119,10 @@ def _search(args: argparse.Namespace) -> int:
         from velmora import indexer
 
         print(indexer.index(root).line(), file=sys.stderr)
-    db = schema.open_index(db_path)
-    try:
-        db.read_only()
-        files = select_files(db, args.glob)
-        results, reason = search(
-            db, query, files, before=args.context, after=args.context, max_count=args.max_count
+    with Repository.open(root, create=False) as repo:
+        results, reason = repo.search(
+            query, globs=args.glob, before=args.context, after=args.context,
+            max_count=args.max_count, refresh=False,
         )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)
@@ -143,8 +138,6 @@ def _search(args: argparse.Namespace) -> int:
                 sys.stdout.write(_text(path, hits, query, args.context > 0, color))
             found = True
         sys.stdout.flush()
-    finally:
-        db.close()
     return 0 if found else 1
 
 
