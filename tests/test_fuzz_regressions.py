@@ -51,3 +51,9 @@ def test_core_inputs(target: str, path: Path, tmp_path: Path) -> None:
         assert native._lines_holding(file, searched, case_sensitive) == model._lines_holding(
             file, searched, case_sensitive
         )
+
+
+@pytest.mark.parametrize("delete", [False, True], ids=["set to None", "deleted"])
+@pytest.mark.parametrize("case", module_fuzz.DROPPED_FIELDS, ids=lambda case: "{}.{} {}".format(*case))
+def test_a_field_dropped_mid_call(case: tuple, delete: bool) -> None:
+    module_fuzz.drop_mid_call(case, delete)

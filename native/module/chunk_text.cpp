@@ -25,15 +25,6 @@ struct ChunkTextObject {
 
 ChunkTextObject* as_chunk_text(PyObject* self) { return reinterpret_cast<ChunkTextObject*>(self); }
 
-// A field as the host reads it: a deleted one is an AttributeError.
-PyObject* field(PyObject* self, PyObject* value, const char* name) {
-    if (value == nullptr) {
-        PyErr_Format(PyExc_AttributeError, "'%.200s' object has no attribute '%s'",
-                     Py_TYPE(self)->tp_name, name);
-    }
-    return value;
-}
-
 void set_fields(ChunkTextObject* self, PyObject* db, PyObject* store, PyObject* candidates,
                 PyObject* disk, PyObject* on_disk) {
     Py_XSETREF(self->db, Py_NewRef(db));
@@ -72,16 +63,15 @@ int chunk_text_init(PyObject* self, PyObject* args, PyObject* kwargs) {
 
 // file_id in self._on_disk: 1 or 0, or -1 with an error set.
 int kept_on_disk_by(PyObject* self, PyObject* file_id) {
-    PyObject* on_disk = field(self, as_chunk_text(self)->on_disk, "_on_disk");
-    if (on_disk == nullptr) return -1;
-    return PySequence_Contains(on_disk, file_id);
+    Owned on_disk(read_field(self, as_chunk_text(self)->on_disk, "_on_disk"));
+    return on_disk ? PySequence_Contains(on_disk.get(), file_id) : -1;
 }
 
 // self._disk.<name>(file_id, path)
 PyObject* ask_disk(PyObject* self, PyObject* name, PyObject* file_id, PyObject* path) {
-    PyObject* disk = field(self, as_chunk_text(self)->disk, "_disk");
-    if (disk == nullptr) return nullptr;
-    PyObject* call[] = {disk, file_id, path};
+    Owned disk(read_field(self, as_chunk_text(self)->disk, "_disk"));
+    if (!disk) return nullptr;
+    PyObject* call[] = {disk.get(), file_id, path};
     return PyObject_VectorcallMethod(name, call, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
 }
 
@@ -96,16 +86,16 @@ PyObject* segments(PyObject* self, PyTypeObject* defining, PyObject* const* args
     const int on_disk = kept_on_disk_by(self, file_id);
     if (on_disk < 0) return nullptr;
     if (on_disk) return ask_disk(self, state->name_segments, file_id, path);
-    PyObject* candidates = field(self, as_chunk_text(self)->candidates, "_candidates");
-    if (candidates == nullptr) return nullptr;
-    if (PyDict_CheckExact(candidates)) {
-        PyObject* found = PyDict_GetItemWithError(candidates, file_id);
+    Owned candidates(read_field(self, as_chunk_text(self)->candidates, "_candidates"));
+    if (!candidates) return nullptr;
+    if (PyDict_CheckExact(candidates.get())) {
+        PyObject* found = PyDict_GetItemWithError(candidates.get(), file_id);
         if (found != nullptr) return Py_NewRef(found);
         return PyErr_Occurred() ? nullptr : PyList_New(0);
     }
     Owned none_found(PyList_New(0));
     if (!none_found) return nullptr;
-    return PyObject_CallMethod(candidates, "get", "OO", file_id, none_found.get());
+    return PyObject_CallMethod(candidates.get(), "get", "OO", file_id, none_found.get());
 }
 
 // row[index] of a chunk row.
@@ -151,20 +141,20 @@ bool append_chunk(PyObject* lines, PyObject* row) {
 PyObject* read_lines(ModuleState* state, PyObject* self, PyObject* file_id) {
     Owned range(row_id_range(state, file_id));
     if (!range) return nullptr;
-    PyObject* store = field(self, as_chunk_text(self)->store, "_store");
-    const int compressed = store ? is_compressed(state, store) : -1;
+    Owned store(read_field(self, as_chunk_text(self)->store, "_store"));
+    const int compressed = store ? is_compressed(state, store.get()) : -1;
     if (compressed < 0) return nullptr;
     Owned rows;
     if (compressed) {
         Owned file_rows(PyObject_GetAttr(state->chunk_store, state->name_file_rows));
-        PyObject* db = file_rows ? field(self, as_chunk_text(self)->db, "_db") : nullptr;
-        if (db == nullptr) return nullptr;
-        PyObject* call[] = {db, PyTuple_GET_ITEM(range.get(), 0), PyTuple_GET_ITEM(range.get(), 1)};
+        Owned db(file_rows ? read_field(self, as_chunk_text(self)->db, "_db") : nullptr);
+        if (!db) return nullptr;
+        PyObject* call[] = {db.get(), PyTuple_GET_ITEM(range.get(), 0), PyTuple_GET_ITEM(range.get(), 1)};
         rows = Owned(PyObject_Vectorcall(file_rows.get(), call, 3, nullptr));
     } else {
-        PyObject* db = field(self, as_chunk_text(self)->db, "_db");
-        if (db == nullptr) return nullptr;
-        PyObject* call[] = {db, state->sql_file_chunks, range.get()};
+        Owned db(read_field(self, as_chunk_text(self)->db, "_db"));
+        if (!db) return nullptr;
+        PyObject* call[] = {db.get(), state->sql_file_chunks, range.get()};
         rows = Owned(PyObject_VectorcallMethod(state->name_fetchall, call,
                                                3 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
     }
@@ -200,24 +190,26 @@ PyObject* lines(PyObject* self, PyTypeObject* defining, PyObject* const* args, s
     if (on_disk < 0) return nullptr;
     if (on_disk) return ask_disk(self, state->name_lines, file_id, path);
 
-    PyObject* read = field(self, as_chunk_text(self)->read, "_read");
-    if (read == nullptr) return nullptr;
-    int stale = read == Py_None;
+    // Read afresh after the refill, as a plain method would: code run by the comparison or
+    // the read may have replaced the field meanwhile.
+    Owned read(read_field(self, as_chunk_text(self)->read, "_read"));
+    if (!read) return nullptr;
+    int stale = read.get() == Py_None;
     if (!stale) {
-        Owned held_id(item(read, 0));
+        Owned held_id(item(read.get(), 0));
         Owned differs(held_id ? PyObject_RichCompare(held_id.get(), file_id, Py_NE) : nullptr);
         stale = differs ? PyObject_IsTrue(differs.get()) : -1;
         if (stale < 0) return nullptr;
     }
     if (stale) {
         Owned fresh(read_lines(state, self, file_id));
-        Owned pair(fresh ? PyTuple_Pack(2, file_id, fresh.get()) : nullptr);
-        if (!pair) return nullptr;
+        PyObject* pair = fresh ? PyTuple_Pack(2, file_id, fresh.get()) : nullptr;
+        if (pair == nullptr) return nullptr;
         // Set only once every chunk is read: a failed read keeps the file held before.
-        Py_XSETREF(as_chunk_text(self)->read, pair.release());
-        return fresh.release();
+        Py_XSETREF(as_chunk_text(self)->read, pair);
     }
-    return item(read, 1);
+    read = Owned(read_field(self, as_chunk_text(self)->read, "_read"));
+    return read ? item(read.get(), 1) : nullptr;
 }
 
 int chunk_text_traverse(PyObject* self, visitproc visit, void* arg) {

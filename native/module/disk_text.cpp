@@ -43,16 +43,6 @@ int clear(PyObject* self) {
     return 0;
 }
 
-// A field as the host sees it: a new reference, or AttributeError when it was deleted.
-PyObject* field(PyObject* self, PyObject* value, const char* name) {
-    if (value == nullptr) {
-        PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%s'",
-                     Py_TYPE(self)->tp_name, name);
-        return nullptr;
-    }
-    return Py_NewRef(value);
-}
-
 // _read[index], for the pair this type keeps or whatever the host put there.
 PyObject* read_item(PyObject* read, Py_ssize_t index) {
     if (PyTuple_CheckExact(read) && PyTuple_GET_SIZE(read) == 2) {
@@ -73,7 +63,7 @@ int differs(PyObject* held, PyObject* file_id) {
 
 // Whether _read must be replaced for `file_id`: 1, 0, or -1 on error.
 int stale(PyObject* self, PyObject* file_id) {
-    Owned read(field(self, as_disk(self)->read, "_read"));
+    Owned read(read_field(self, as_disk(self)->read, "_read"));
     if (!read) return -1;
     if (read.get() == Py_None) return 1;
     Owned held(read_item(read.get(), 0));
@@ -86,10 +76,10 @@ PyObject* load(PyObject* self, PyObject* file_id, PyObject* path) {
     if (must_read < 0) return nullptr;
     if (must_read) {
         // Own every field for the read: the host's reader may change the instance.
-        Owned root(field(self, disk->root, "_root"));
+        Owned root(read_field(self, disk->root, "_root"));
         Owned location(root ? PyNumber_TrueDivide(root.get(), path) : nullptr);
-        Owned needle(location ? field(self, disk->needle, "_needle") : nullptr);
-        Owned case_sensitive(needle ? field(self, disk->case_sensitive, "_case_sensitive") : nullptr);
+        Owned needle(location ? read_field(self, disk->needle, "_needle") : nullptr);
+        Owned case_sensitive(needle ? read_field(self, disk->case_sensitive, "_case_sensitive") : nullptr);
         if (!case_sensitive) return nullptr;
         PyObject* module = PyType_GetModuleByDef(Py_TYPE(self), &code_text_module);
         if (module == nullptr) return nullptr;
@@ -99,7 +89,7 @@ PyObject* load(PyObject* self, PyObject* file_id, PyObject* path) {
         if (read == nullptr) return nullptr;
         Py_XSETREF(disk->read, read);
     }
-    Owned read(field(self, disk->read, "_read"));
+    Owned read(read_field(self, disk->read, "_read"));
     return read ? read_item(read.get(), 1) : nullptr;
 }
 

@@ -16,4 +16,15 @@ void gc_dealloc(PyObject* self) {
     Py_DECREF(type);
 }
 
+// A field of an instance as the host reads it: a new reference, since code the host runs
+// while the caller uses it may set or delete the field; AttributeError when it is deleted.
+inline PyObject* read_field(PyObject* self, PyObject* value, const char* name) {
+    if (value == nullptr) {
+        PyErr_Format(PyExc_AttributeError, "'%.200s' object has no attribute '%s'",
+                     Py_TYPE(self)->tp_name, name);
+        return nullptr;
+    }
+    return Py_NewRef(value);
+}
+
 }  // namespace velmora::py

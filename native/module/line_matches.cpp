@@ -227,14 +227,15 @@ PyObject* regex_tools(ModuleState* state) {
 }
 
 // The longest run of literal code points at the top level of the parsed pattern, as a
-// str, or None; null on an error.
+// str, or None; null on an error. `items` is a tuple: the comparisons below may run host
+// code, which could change a list under them.
 PyObject* longest_literal_run(PyObject* items, PyObject* literal_op) {
     Py_ssize_t best_begin = 0, best_size = 0, run_begin = 0;
-    const Py_ssize_t count = PyList_GET_SIZE(items);
+    const Py_ssize_t count = PyTuple_GET_SIZE(items);
     for (Py_ssize_t i = 0; i <= count; ++i) {
         int literal = 0;
         if (i < count) {
-            PyObject* item = PyList_GET_ITEM(items, i);
+            PyObject* item = PyTuple_GET_ITEM(items, i);
             if (!PyTuple_CheckExact(item) || PyTuple_GET_SIZE(item) != 2) return Py_NewRef(Py_None);
             literal = PyObject_RichCompareBool(PyTuple_GET_ITEM(item, 0), literal_op, Py_EQ);
             if (literal < 0) return nullptr;
@@ -248,7 +249,7 @@ PyObject* longest_literal_run(PyObject* items, PyObject* literal_op) {
     Owned run(PyUnicode_New(best_size, 0x10FFFF));
     if (!run) return nullptr;
     for (Py_ssize_t k = 0; k < best_size; ++k) {
-        PyObject* code = PyTuple_GET_ITEM(PyList_GET_ITEM(items, best_begin + k), 1);
+        PyObject* code = PyTuple_GET_ITEM(PyTuple_GET_ITEM(items, best_begin + k), 1);
         const unsigned long value = PyLong_Check(code) ? PyLong_AsUnsignedLong(code) : 0x110000;
         if (value > 0x10FFFF) {
             if (PyErr_Occurred()) return nullptr;
@@ -277,7 +278,8 @@ PyObject* analyse_pattern(PyObject* tools, PyObject* pattern) {
     Owned items(parsed ? PyObject_GetAttrString(parsed.get(), "data") : nullptr);
     if (!items) return nullptr;
     if (!PyList_CheckExact(items.get())) return Py_NewRef(Py_None);
-    return longest_literal_run(items.get(), PyTuple_GET_ITEM(tools, 2));
+    Owned frozen(PyList_AsTuple(items.get()));
+    return frozen ? longest_literal_run(frozen.get(), PyTuple_GET_ITEM(tools, 2)) : nullptr;
 }
 
 // The literal of an re.Pattern (null when there is none), remembered per pattern.
