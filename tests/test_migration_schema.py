@@ -7,7 +7,7 @@ import json
 import sqlite3
 from pathlib import Path
 
-from velmora import cli, schema
+from velmora import cli, migration, schema
 from velmora.storage import chunk_store, code_text
 
 STRIDE = chunk_store.CHUNK_STRIDE
@@ -93,5 +93,5 @@ def test_a_failed_migration_leaves_the_old_index_as_it_was(tmp_path, capsys):
 
     with con:
         con.execute("DROP TRIGGER refuse")
-    assert schema.migrate_to_3_1(schema.Database(schema.index_path(tmp_path))) == 1
+    assert migration.migrate(schema.Database(schema.index_path(tmp_path))) == 1
     assert state(con)[0] == schema.SCHEMA_VERSION

@@ -43,10 +43,25 @@ def main(argv: Sequence[str] | None = None) -> int:
     except (UsageError, QueryError, RepositoryError, schema.SchemaError) as error:
         print(f"velmora: error: {error}", file=sys.stderr)
         return 2
+    except sqlite3.OperationalError as error:
+        if "locked" in str(error) or "busy" in str(error):
+            print(f"velmora: error: another process is writing the index ({error}); "
+                  "try again when it is done", file=sys.stderr)
+            return 2
+        print(f"velmora: index error: {error}", file=sys.stderr)
+        return 1
+    except sqlite3.DatabaseError as error:
+        if isinstance(error, sqlite3.IntegrityError):
+            print(f"velmora: index error: {error}", file=sys.stderr)
+            return 1
+        print(f"velmora: error: the index is damaged ({error}); run `velmora index --rebuild`",
+              file=sys.stderr)
+        return 2
     except sqlite3.Error as error:
         print(f"velmora: index error: {error}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:
+        print("velmora: interrupted", file=sys.stderr)
         return 130
     except BrokenPipeError:
         # The reader went away (``| head``): stop quietly, and point stdout at /dev/null so
@@ -65,10 +80,19 @@ def _parser() -> argparse.ArgumentParser:
     index.add_argument("repo", nargs="?", help="the repository (default: .)")
     index.add_argument(
         "--layout", choices=("auto", "compressed", "code_chunks"), default="auto",
-        help="how chunks are stored: compressed needs SQLite 3.43+ to delete cheaply "
-        "(auto: keep the index's layout, or pick by SQLite version)",
+        help="how chunks are stored: compressed is smaller, code_chunks keeps the text "
+        "uncompressed in its full-text table (auto: keep the index's layout; compressed "
+        "for a new index)",
+    )
+    index.add_argument(
+        "--rebuild", action="store_true",
+        help="start over; the old index stays in place until the new one is complete",
     )
     index.set_defaults(run=_index)
+
+    status = commands.add_parser("status", help="show what is indexed and what was left out")
+    status.add_argument("repo", nargs="?", help="the repository (default: .)")
+    status.set_defaults(run=_status)
 
     search_cmd = commands.add_parser("search", help="search the index")
     kinds = search_cmd.add_subparsers(dest="kind", required=True)
@@ -105,7 +129,14 @@ def _index(args: argparse.Namespace) -> int:
 
     root = _repo(args.repo)
     store = None if args.layout == "auto" else args.layout
-    print(indexer.index(root, store).line(), file=sys.stderr)
+    print(indexer.index(root, store, rebuild=args.rebuild).line(), file=sys.stderr)
+    return 0
+
+
+def _status(args: argparse.Namespace) -> int:
+    from velmora import status
+
+    sys.stdout.write(status.report(_repo(args.repo)))
     return 0
 
 

@@ -3,21 +3,27 @@
 from __future__ import annotations
 
 import codecs
+import errno
 import hashlib
 import os
+import sqlite3
 import stat
 import subprocess
-import sys
+import threading
 import time
+from collections import deque
+from collections.abc import Iterator
+from concurrent.futures import Future, ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
-from typing import TextIO
+from typing import Any, NamedTuple
 
 import pathspec
 
-from velmora import schema
+from velmora import safety, schema
 from velmora.db import Database
-from velmora.storage import chunk_store, code_text
+from velmora.progress import Progress
+from velmora.storage import chunk_store, code_text, codec
 from velmora.utils.fsio import read_bytes_no_follow
 
 LANGUAGES = {
@@ -34,6 +40,9 @@ LANGUAGES = {
 # Files are committed in batches: an interrupted run keeps what it finished, and every
 # file's row and chunks always land together.
 _BATCH_FILES = 500
+_BATCH_BYTES = 64 << 20
+# Files read, chunked and compressed ahead of the one writer, per worker.
+_AHEAD_PER_WORKER = 8
 # A file whose mtime is this close to the previous run's start may have changed again
 # within the same clock tick after it was read; it is compared by content instead.
 _RACY_NS = 2_000_000_000
@@ -72,12 +81,28 @@ def _storable(path: str) -> bool:
     return True
 
 
+# Git reads the repository's own configuration, which may name commands to run (an
+# fsmonitor hook, say): none of them may run for a listing of files.
+_GIT_SAFE = [
+    "-c", "core.fsmonitor=", "-c", "core.hooksPath=/dev/null", "-c", "core.untrackedCache=false",
+    "-c", "diff.external=", "-c", "core.sshCommand=", "-c", "protocol.allow=never",
+]
+
+
+def _git_environment() -> dict[str, str]:
+    env = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
+    env.update(GIT_CONFIG_NOSYSTEM="1", GIT_TERMINAL_PROMPT="0", GIT_OPTIONAL_LOCKS="0")
+    return env
+
+
 def _git_files(root: Path) -> list[str] | None:
     try:
         done = subprocess.run(
-            ["git", "-C", str(root), "ls-files", "-z", "--cached", "--others",
+            ["git", *_GIT_SAFE, "-C", str(root), "ls-files", "-z", "--cached", "--others",
              "--exclude-standard"],
             capture_output=True,
+            env=_git_environment(),
+            stdin=subprocess.DEVNULL,
         )
     except OSError:
         return None
@@ -138,77 +163,75 @@ class Summary:
 
     def line(self) -> str:
         return (
-            f"indexed {self.files} files ({self.added} added, {self.changed} changed, "
-            f"{self.removed} removed): {self.chunks} chunks, {self.bytes / 1e6:.1f} MB "
+            f"indexed {_count(self.files, 'file')} ({self.added} added, {self.changed} changed, "
+            f"{self.removed} removed): {_count(self.chunks, 'chunk')}, {self.bytes / 1e6:.1f} MB "
             f"written, {self.on_disk} kept on disk, {self.store} layout, "
             f"{self.seconds:.1f} s"
         )
 
 
-class Progress:
-    """A one-line progress bar on a terminal; silent otherwise."""
-
-    def __init__(self, total: int, stream: TextIO | None = None) -> None:
-        self.stream = stream if stream is not None else sys.stderr
-        self.total = total
-        self.shown = self.stream.isatty()
-        self.last = 0.0
-
-    def update(self, done: int, force: bool = False) -> None:
-        now = time.monotonic()
-        if not self.shown or (now - self.last < 0.1 and not force):
-            return
-        self.last = now
-        width = 30
-        filled = width * done // max(self.total, 1)
-        self.stream.write(
-            f"\rindexing [{'#' * filled}{'.' * (width - filled)}] {done}/{self.total} files"
-        )
-        self.stream.flush()
-
-    def close(self) -> None:
-        if self.shown:
-            self.update(self.total, force=True)
-            self.stream.write("\n")
-            self.stream.flush()
+def _count(n: int, noun: str) -> str:
+    return f"{n} {noun}" if n == 1 else f"{n} {noun}s"
 
 
 def default_layout() -> chunk_store.Layout:
-    return "compressed" if chunk_store.contentless_delete_supported() else "code_chunks"
+    return "compressed"
 
 
 def index(
-    root: Path, store: chunk_store.Layout | None = None, progress: bool = True
+    root: Path,
+    store: chunk_store.Layout | None = None,
+    progress: bool = True,
+    rebuild: bool = False,
+    workers: int | None = None,
 ) -> Summary:
     """Index the repository at ``root``, or bring its index up to date.
 
     ``store`` forces a chunk layout (an index in another layout is converted); None keeps
-    the index's layout, or picks one for a new index.
+    the index's layout, or picks one for a new index.  ``rebuild`` starts over, beside the
+    old index, which is replaced only once the new one is complete.
     """
     started = time.monotonic()
     run_ns = time.time_ns()
-    db_path = schema.index_path(root)
-    if db_path.exists():
-        db = schema.open_index(db_path)
+    db_path = safety.index_file(root)
+    if rebuild:
+        built = db_path.with_name(db_path.name + ".new")
+        safety.remove_index_file(built)
+        summary = _index_at(built, root, store, run_ns, progress, workers)
+        safety.replace_index_file(built, db_path)
     else:
-        db_path.parent.mkdir(parents=True, exist_ok=True)
-        # Keep the index out of git's view of the work tree.
-        (db_path.parent.parent / ".gitignore").write_text("*\n")
-        db = Database(db_path)
-        schema.create(db, store or default_layout())
-    try:
-        summary = _update(db, root, store, run_ns, progress)
-    finally:
-        db.close()
+        summary = _index_at(db_path, root, store, run_ns, progress, workers)
     summary.seconds = time.monotonic() - started
     return summary
 
 
+def _index_at(
+    db_path: Path, root: Path, store, run_ns: int, progress: bool, workers: int | None
+) -> Summary:
+    if os.path.lexists(db_path):
+        db = schema.open_index(db_path, progress)
+    else:
+        safety.create_private_file(db_path)
+        db = Database(db_path)
+        schema.create(db, store or default_layout())
+    try:
+        safety.for_writing(db)
+        return _update(db, root, store, run_ns, progress, workers)
+    finally:
+        db.close()
+
+
 def _update(
-    db: Database, root: Path, store: chunk_store.Layout | None, run_ns: int, progress: bool
+    db: Database,
+    root: Path,
+    store: chunk_store.Layout | None,
+    run_ns: int,
+    progress: bool,
+    workers: int | None,
 ) -> Summary:
     current = chunk_store.layout(db)
     wanted = store or current or default_layout()
+    paths = list_files(root)
     with db.transaction() as cursor:
         # A new index, or one converted to another layout, is loaded whole.
         bulk = current != wanted or not cursor.execute("SELECT 1 FROM files").fetchone()
@@ -217,99 +240,248 @@ def _update(
             chunk_store.create_tables(cursor, wanted)
             # Every file is parsed again into the new layout; a size of -1 never matches.
             cursor.execute("UPDATE files SET size = -1, text_on_disk = 0")
+        if wanted == "compressed" and not cursor.execute(
+            f"SELECT 1 FROM {chunk_store.COMPRESSED_TABLE} LIMIT 1"
+        ).fetchone():
+            chunk_store.set_dictionary(cursor, codec.train(_samples(root, paths)))
         chunk_store.set_bulk_load(cursor, wanted, bulk)
+        schema.set_meta(cursor, schema.PASS_MARK, str(run_ns))
+    dictionary = chunk_store.dictionary(db) if wanted == "compressed" else b""
     last_run = int(schema.get_meta(db, "last_run_ns") or 0)
     known = {
-        path: (file_id, size, mtime_ns, sha1)
-        for file_id, path, size, mtime_ns, sha1 in db.fetchall(
-            "SELECT id, path, size, mtime_ns, sha1 FROM files"
+        path: _Known(file_id, size, mtime_ns, sha1, inode)
+        for file_id, path, size, mtime_ns, sha1, inode in db.fetchall(
+            "SELECT id, path, size, mtime_ns, sha1, inode FROM files"
         )
     }
-    paths = list_files(root)
     summary = Summary(store=wanted)
+    writer = _Writer(db, wanted, summary)
     bar = Progress(len(paths)) if progress else None
     seen: set[str] = set()
-    for start in range(0, len(paths), _BATCH_FILES):
-        with db.transaction() as cursor:
-            for done, path in enumerate(paths[start : start + _BATCH_FILES], start):
-                if _index_file(cursor, root, path, known.get(path), wanted, last_run, summary):
-                    seen.add(path)
+    skipped: dict[str, str] = {}
+    with _Pool(workers, wanted, dictionary) as pool:
+        try:
+            for done, (path, outcome) in enumerate(
+                pool.prepared(root, paths, known, last_run), 1
+            ):
                 if bar:
-                    bar.update(done + 1)
+                    bar.update(done)
+                if isinstance(outcome, str):
+                    skipped[path] = outcome
+                    continue
+                seen.add(path)
+                if outcome is not None:
+                    writer.write(known.get(path), outcome)
+            writer.commit()
+        except BaseException:
+            writer.rollback()
+            raise
     with db.transaction() as cursor:
-        for path, (file_id, *_) in known.items():
+        for path, old in known.items():
             if path not in seen:
-                chunk_store.drop_chunks(cursor, wanted, file_id)
-                cursor.execute("DELETE FROM files WHERE id = ?", (file_id,))
+                chunk_store.drop_chunks(cursor, wanted, old.id)
+                cursor.execute("DELETE FROM files WHERE id = ?", (old.id,))
                 summary.removed += 1
+        cursor.execute("DELETE FROM skipped")
+        cursor.executemany("INSERT INTO skipped (path, reason) VALUES (?, ?)", skipped.items())
         schema.set_meta(cursor, "last_run_ns", str(run_ns))
+        schema.set_meta(cursor, "last_pass_seconds", f"{(time.time_ns() - run_ns) / 1e9:.3f}")
         if bulk:
             chunk_store.optimize(cursor, wanted)
             chunk_store.set_bulk_load(cursor, wanted, False)
+        schema.delete_meta(cursor, schema.PASS_MARK)
     if bar:
         bar.close()
     summary.files, summary.on_disk = db.fetchall(
-        "SELECT COUNT(*), coalesce(sum(text_on_disk), 0) FROM files"
+        "SELECT COUNT(*), COUNT(*) FILTER (WHERE text_on_disk != 0) FROM files"
     )[0]
     return summary
 
 
-def _index_file(
-    cursor, root: Path, path: str, known, store, last_run: int, summary: Summary
-) -> bool:
-    """Bring one file's row and chunks up to date; False when it is not indexed."""
-    location = root / path
-    try:
-        info = os.lstat(location)
-    except OSError:
-        return False
-    if not stat.S_ISREG(info.st_mode):
-        return False
-    if (
-        known is not None
-        and (info.st_size, info.st_mtime_ns) == (known[1], known[2])
-        and info.st_mtime_ns + _RACY_NS < last_run
-    ):
-        return True
-    try:
-        data = read_bytes_no_follow(location)
-    except OSError:
-        return False
-    if is_binary(data):
-        return False
-    sha1 = hashlib.sha1(data).hexdigest()
-    if known is not None and sha1 == known[3] and known[1] >= 0:
-        cursor.execute(
-            "UPDATE files SET size = ?, mtime_ns = ? WHERE id = ?",
-            (len(data), info.st_mtime_ns, known[0]),
-        )
-        return True
+def _samples(root: Path, paths: list[str]) -> list[bytes]:
+    """Texts to train the codec's dictionary on: whole files spread over the repository."""
+    samples: list[bytes] = []
+    total = 0
+    step = max(1, len(paths) // 2000)
+    for path in paths[::step]:
+        try:
+            data = read_bytes_no_follow(root / path)
+        except OSError:
+            continue
+        if is_binary(data):
+            continue
+        # Chunk-sized pieces, as the codec will see them.
+        samples += [data[i : i + 4096] for i in range(0, min(len(data), 64 << 10), 4096)]
+        total += min(len(data), 64 << 10)
+        if total >= codec.SAMPLE_BYTES:
+            break
+    return samples
 
+
+class _Known(NamedTuple):
+    id: int
+    size: int
+    mtime_ns: int
+    sha1: str
+    inode: int
+
+
+class _Prepared(NamedTuple):
+    """What a worker made of a file that is indexed: its row, and its chunks if they changed."""
+
+    path: str
+    size: int
+    mtime_ns: int
+    inode: int
+    sha1: str
+    language: str
+    on_disk: bool
+    encoded: list[tuple] | None  # None: the stored chunks still hold its text
+
+
+def _unchanged(info: os.stat_result, known: _Known | None, last_run: int) -> bool:
+    return (
+        known is not None
+        and (info.st_size, info.st_mtime_ns, info.st_ino) == (known.size, known.mtime_ns, known.inode)
+        and info.st_mtime_ns + _RACY_NS < last_run
+    )
+
+
+def _prepare(
+    root: Path, path: str, info: os.stat_result, known: _Known | None, store, encoder
+) -> _Prepared | str:
+    """Read, check, chunk and encode one file; a reason (a str) when it is left out."""
+    try:
+        data = read_bytes_no_follow(root / path)
+    except OSError as error:
+        return "symlink" if error.errno == errno.ELOOP else "unreadable"
+    if is_binary(data):
+        return "binary"
+    sha1 = hashlib.sha1(data).hexdigest()
+    stamp = (len(data), info.st_mtime_ns, info.st_ino)
+    if known is not None and sha1 == known.sha1 and known.size >= 0:
+        return _Prepared(path, *stamp, sha1, "", False, None)
     text = data.decode("utf-8", errors="replace")
     language = language_of(path)
     chunks = code_text.code_chunks(text)
     if len(chunks) >= chunk_store.CHUNK_STRIDE:
-        return False
+        return "too many lines"
     on_disk = code_text.text_kept_on_disk(language, code_text.stored_text_bytes(text))
-    row = (language, len(data), info.st_mtime_ns, sha1, int(on_disk))
-    if known is None:
-        file_id = cursor.execute(
-            "INSERT INTO files (path, language, size, mtime_ns, sha1, text_on_disk) "
-            "VALUES (?, ?, ?, ?, ?, ?)",
-            (path, *row),
-        ).lastrowid
-        summary.added += 1
-    else:
-        file_id = known[0]
-        chunk_store.drop_chunks(cursor, store, file_id)
-        cursor.execute(
-            "UPDATE files SET language = ?, size = ?, mtime_ns = ?, sha1 = ?, "
-            "text_on_disk = ? WHERE id = ?",
-            (*row, file_id),
-        )
-        summary.changed += 1
-    if not on_disk:
-        chunk_store.store_chunks(cursor, store, file_id, chunks)
-        summary.chunks += len(chunks)
-        summary.bytes += len(data)
-    return True
+    encoded = [] if on_disk else chunk_store.encode_chunks(store, encoder, chunks)
+    return _Prepared(path, *stamp, sha1, language, on_disk, encoded)
+
+
+class _Pool:
+    """Reads, chunks and encodes files on worker threads, ahead of the one writer.
+
+    Threads rather than processes: reading, hashing, compressing and SQLite's own work let
+    go of the GIL, and nothing has to be copied between processes (bench/bench_index.py).
+    """
+
+    def __init__(self, workers: int | None, store: chunk_store.Layout, dictionary: bytes) -> None:
+        self.workers = workers or min(4, os.cpu_count() or 1)
+        self.store, self.dictionary = store, dictionary
+        self.local = threading.local()
+
+    def __enter__(self) -> _Pool:
+        self.executor = ThreadPoolExecutor(self.workers, thread_name_prefix="velmora-index")
+        return self
+
+    def __exit__(self, *exc_info: object) -> None:
+        # On Ctrl-C the files queued are dropped; those being read finish first.
+        self.executor.shutdown(wait=True, cancel_futures=True)
+
+    def prepared(
+        self, root: Path, paths: list[str], known: dict[str, _Known], last_run: int
+    ) -> Iterator[tuple[str, _Prepared | str | None]]:
+        """Each path's outcome, in order: prepared, a reason it is left out, or None when
+        it is indexed and unchanged.  A path gone since it was listed gives nothing."""
+        pending: deque[tuple[str, Any]] = deque()
+        ahead = self.workers * _AHEAD_PER_WORKER
+        for path in paths:
+            old = known.get(path)
+            try:
+                info = os.lstat(root / path)
+            except OSError:
+                continue
+            if stat.S_ISLNK(info.st_mode):
+                pending.append((path, "symlink"))
+            elif not stat.S_ISREG(info.st_mode):
+                pending.append((path, "not a file"))
+            elif _unchanged(info, old, last_run):
+                pending.append((path, None))
+            else:
+                pending.append((path, self.executor.submit(self._prepare, root, path, info, old)))
+            while pending and (len(pending) > ahead or not isinstance(pending[0][1], Future)):
+                yield _outcome(pending.popleft())
+        while pending:
+            yield _outcome(pending.popleft())
+
+    def _prepare(self, root: Path, path: str, info: os.stat_result, known: _Known | None):
+        encoder = getattr(self.local, "encoder", None)
+        if encoder is None and self.store == "compressed":
+            encoder = self.local.encoder = codec.Encoder(self.dictionary)
+        return _prepare(root, path, info, known, self.store, encoder)
+
+
+def _outcome(item: tuple[str, Any]) -> tuple[str, _Prepared | str | None]:
+    path, value = item
+    return path, value.result() if isinstance(value, Future) else value
+
+
+class _Writer:
+    """The one writer: files' rows and chunks, committed in batches."""
+
+    def __init__(self, db: Database, store: chunk_store.Layout, summary: Summary) -> None:
+        self.connection = db.connection
+        self.store, self.summary = store, summary
+        self.cursor: sqlite3.Cursor | None = None
+        self.files = self.bytes = 0
+
+    def write(self, known: _Known | None, done: _Prepared) -> None:
+        cursor = self.cursor
+        if cursor is None:
+            cursor = self.cursor = self.connection.cursor()
+            cursor.execute("BEGIN IMMEDIATE")
+        stamp = (done.size, done.mtime_ns, done.inode)
+        if done.encoded is None:
+            assert known is not None
+            cursor.execute(
+                "UPDATE files SET size = ?, mtime_ns = ?, inode = ? WHERE id = ?", (*stamp, known.id)
+            )
+        else:
+            row = (done.language, *stamp, done.sha1, int(done.on_disk))
+            if known is None:
+                file_id = cursor.execute(
+                    "INSERT INTO files (language, size, mtime_ns, inode, sha1, text_on_disk, path) "
+                    "VALUES (?, ?, ?, ?, ?, ?, ?)",
+                    (*row, done.path),
+                ).lastrowid
+                self.summary.added += 1
+            else:
+                file_id = known.id
+                chunk_store.drop_chunks(cursor, self.store, file_id)
+                cursor.execute(
+                    "UPDATE files SET language = ?, size = ?, mtime_ns = ?, inode = ?, sha1 = ?, "
+                    "text_on_disk = ? WHERE id = ?",
+                    (*row, file_id),
+                )
+                self.summary.changed += 1
+            if not done.on_disk:
+                chunk_store.insert_encoded(cursor, self.store, file_id, done.encoded)
+                self.summary.chunks += len(done.encoded)
+                self.summary.bytes += done.size
+                self.bytes += done.size
+        self.files += 1
+        if self.files >= _BATCH_FILES or self.bytes >= _BATCH_BYTES:
+            self.commit()
+
+    def commit(self) -> None:
+        if self.cursor is not None:
+            self.connection.commit()
+        self.cursor, self.files, self.bytes = None, 0, 0
+
+    def rollback(self) -> None:
+        if self.cursor is not None:
+            self.connection.rollback()
+        self.cursor, self.files, self.bytes = None, 0, 0

@@ -1,4 +1,14 @@
-"""The index database: where it lives, its tables, and its schema version."""
+"""The index database: where it lives, its tables, and its schema version.
+
+The ``meta`` table's keys:
+
+- ``schema_version``: the form of the index, ``SCHEMA_VERSION`` once converted.
+- ``last_run_ns``: when the last complete pass of ``velmora index`` began (ns since epoch).
+- ``pass_in_progress``: present while a pass is writing (its start, in ns): committed before
+  its first batch and deleted in its last transaction.  While it is there the index may
+  hold some files' old text, or none of it, and a search must not trust it alone.
+- ``last_pass_seconds``: how long the last complete pass took.
+"""
 
 from __future__ import annotations
 
@@ -6,9 +16,11 @@ import sqlite3
 from pathlib import Path
 
 from velmora.db import Database
-from velmora.storage import chunk_store, code_text
+from velmora.storage import chunk_store
 
-SCHEMA_VERSION = "3.1.0"
+# 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
+# positions, files.inode, and the skipped table.
+SCHEMA_VERSION = "4.0.0"
 
 # The database lies two levels below the repository root: the search finds the root as
 # the third parent of the database file.
@@ -20,8 +32,14 @@ FILES_DDL = (
     "CREATE TABLE IF NOT EXISTS files ("
     "id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, language TEXT NOT NULL, "
     "size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, sha1 TEXT NOT NULL, "
-    "text_on_disk INTEGER NOT NULL DEFAULT 0)"
+    "text_on_disk INTEGER NOT NULL DEFAULT 0, inode INTEGER NOT NULL DEFAULT 0)"
 )
+# What a pass left out of the index, and why (a word of ``SKIP_REASONS``).
+SKIPPED_DDL = (
+    "CREATE TABLE IF NOT EXISTS skipped (path TEXT PRIMARY KEY, reason TEXT NOT NULL)"
+)
+SKIP_REASONS = ("binary", "symlink", "not a file", "unreadable", "too many lines")
+PASS_MARK = "pass_in_progress"
 
 
 class SchemaError(Exception):
@@ -37,45 +55,36 @@ def create(db: Database, store: chunk_store.Layout) -> None:
     with db.transaction() as cursor:
         cursor.execute(META_DDL)
         cursor.execute(FILES_DDL)
+        cursor.execute(SKIPPED_DDL)
         chunk_store.create_tables(cursor, store)
         set_meta(cursor, "schema_version", SCHEMA_VERSION)
 
 
-def open_index(path: Path) -> Database:
-    """Open an existing index, migrating an older schema; refuse one this version can't read.
+def open_index(path: Path, progress: bool = True) -> Database:
+    """Open an existing index, converting an older form; refuse one this version can't read.
 
-    Nothing is written unless a migration runs, and a failed migration leaves the index as
-    it was.
+    Nothing is written unless a conversion runs, and a failed conversion leaves the index
+    as it was.
     """
     db = Database(path)
     try:
         version = _version(db)
-        if version[:2] == (3, 0):
-            migrate_to_3_1(db)
-        elif version[:2] != (3, 1):
+        if version[:2] in ((3, 0), (3, 1)):
+            from velmora import migration  # only an old index needs it
+
+            migration.migrate(db, progress)
+        elif version[:2] != (4, 0):
             newer = version > _parse(SCHEMA_VERSION)
             raise SchemaError(
                 f"{path}: the index has schema {'.'.join(map(str, version))}, "
                 + ("newer than" if newer else "older than")
                 + f" this velmora reads ({SCHEMA_VERSION}); "
-                + ("upgrade velmora" if newer else f"delete {path.parent} and index again")
+                + ("upgrade velmora" if newer else "run `velmora index --rebuild`")
             )
     except BaseException:
         db.close()
         raise
     return db
-
-
-def migrate_to_3_1(db: Database) -> int:
-    """Add ``files.text_on_disk`` and keep large data files on disk, in one transaction.
-
-    Returns how many files now keep their text on disk.
-    """
-    with db.transaction() as cursor:
-        cursor.execute("ALTER TABLE files ADD COLUMN text_on_disk INTEGER NOT NULL DEFAULT 0")
-        moved = code_text.keep_large_data_on_disk(cursor)
-        set_meta(cursor, "schema_version", SCHEMA_VERSION)
-    return moved
 
 
 def get_meta(db: Database, key: str) -> str | None:
@@ -87,13 +96,23 @@ def set_meta(cursor: sqlite3.Cursor, key: str, value: str) -> None:
     cursor.execute("INSERT OR REPLACE INTO meta (key, value) VALUES (?, ?)", (key, value))
 
 
+def delete_meta(cursor: sqlite3.Cursor, key: str) -> None:
+    cursor.execute("DELETE FROM meta WHERE key = ?", (key,))
+
+
 def _version(db: Database) -> tuple[int, ...]:
     try:
         text = get_meta(db, "schema_version")
     except sqlite3.DatabaseError as error:
-        raise SchemaError(f"{db.db_path}: not a velmora index ({error})") from None
+        raise SchemaError(
+            f"{db.db_path}: not a readable velmora index ({error}); "
+            "run `velmora index --rebuild`"
+        ) from None
     if text is None:
-        raise SchemaError(f"{db.db_path}: not a velmora index (no schema version)")
+        raise SchemaError(
+            f"{db.db_path}: not a velmora index (no schema version); "
+            "run `velmora index --rebuild`"
+        )
     try:
         return _parse(text)
     except ValueError:

@@ -3,24 +3,28 @@
 Two layouts hold the same chunks under the same row ids (a file's chunks from
 ``file_id * CHUNK_STRIDE`` on, one after another):
 
+- ``compressed`` (the default): ``COMPRESSED_TABLE`` keeps each chunk's lines and its exact
+  text as a zstd frame (``codec``, with the dictionary kept in ``DICTIONARY_TABLE``), beside
+  a contentless FTS5 trigram index without positions (``TRIGRAM_TABLE``, ``detail=none``).
+  A needle is looked up as an AND of its trigrams, which finds every chunk holding it and
+  sometimes a few more.  A contentless table forgets a row only when handed the text it
+  was given, so a chunk is decoded again to be deleted.
 - ``code_chunks``: an FTS5 table with the trigram tokenizer that holds the text itself.
-- ``compressed``: ``COMPRESSED_TABLE`` keeps each chunk's lines and its exact text
-  zlib-compressed, beside a contentless FTS5 trigram index (``TRIGRAM_TABLE``) over the
-  searchable text.  It needs far less room, but a contentless table can only forget a row
-  when it is told the text it was given; SQLite 3.43 and later can delete from it
-  directly (``contentless_delete``).
 
 In both, the searchable text holds each NUL as a space: the trigram tokenizer stops at a
-NUL.  The writer functions take a ``sqlite3`` cursor inside the caller's transaction; the
-reader functions take the index ``Database``.
+NUL.  The trigram index folds case as SQLite's Unicode folding does (every ASCII letter,
+U+212A KELVIN SIGN as "k", and most cased letters of other scripts), but not U+0130, whose
+lower case is "i" plus a combining dot.  The writer functions take a ``sqlite3`` cursor
+inside the caller's transaction; the reader functions take the index ``Database``.
 """
 
 from __future__ import annotations
 
 import sqlite3
-import zlib
-from collections.abc import Collection, Iterator, Sequence
+from collections.abc import Collection, Iterable, Iterator, Sequence
 from typing import Any, Literal
+
+from velmora.storage import codec
 
 # Row ids per file: a file's chunks take ids from id * stride, so the stride bounds the
 # chunks of one file, and (id + 1) * stride must stay inside a signed 64-bit row id.
@@ -33,21 +37,21 @@ CODE_CHUNKS_DDL = (
 
 COMPRESSED_TABLE = "chunk_text"
 TRIGRAM_TABLE = "chunk_trigrams"
+DICTIONARY_TABLE = "chunk_dictionary"
 
 Layout = Literal["compressed", "code_chunks"]
 
 Chunk = tuple[int, int, str]
+
+# A needle's trigrams past this many narrow the chunks little further, and each costs a
+# lookup: a long needle is looked up by this many, spread over its length.
+MAX_TRIGRAMS = 24
 
 # Up to this many runs of consecutive file ids, the searched files' chunks are read run by
 # run (by row-id range); beyond it one pass over the table is cheaper than many queries.
 _RANGE_QUERIES = 512
 
 _LAST_FLAG = f"NOT EXISTS (SELECT 1 FROM {COMPRESSED_TABLE} n WHERE n.id = c.id + 1)"
-
-
-def contentless_delete_supported() -> bool:
-    """Whether this SQLite can delete rows from a contentless FTS5 table by row id."""
-    return sqlite3.sqlite_version_info >= (3, 43, 0)
 
 
 def layout(db) -> Layout | None:
@@ -66,58 +70,110 @@ def layout(db) -> Layout | None:
     return None
 
 
+def fts_table(store: Layout) -> str:
+    """The name of the layout's full-text table, the one ``matching_ids`` queries."""
+    return TRIGRAM_TABLE if store == "compressed" else "code_chunks"
+
+
 # -- writer side ----------------------------------------------------------------------
 
 
-def create_tables(cursor: sqlite3.Cursor, store: Layout) -> None:
-    """Create the chunk tables of a layout (nothing happens for tables that exist)."""
-    if store == "compressed":
-        cursor.execute(
-            f"CREATE TABLE IF NOT EXISTS {COMPRESSED_TABLE} ("
-            "id INTEGER PRIMARY KEY, start_line INTEGER NOT NULL, "
-            "end_line INTEGER NOT NULL, body BLOB NOT NULL)"
-        )
-        delete_option = ", contentless_delete=1" if contentless_delete_supported() else ""
-        cursor.execute(
-            f"CREATE VIRTUAL TABLE IF NOT EXISTS {TRIGRAM_TABLE} USING fts5("
-            f"text, content=''{delete_option}, tokenize='trigram')"
-        )
-    else:
+def create_tables(cursor: sqlite3.Cursor, store: Layout, dictionary: bytes = b"") -> None:
+    """Create the chunk tables of a layout (nothing happens for tables that exist).
+
+    ``dictionary`` is the compressed layout's codec dictionary (``codec.train``); it is
+    fixed for the life of the tables.
+    """
+    if store == "code_chunks":
         cursor.execute(CODE_CHUNKS_DDL)
+        return
+    cursor.execute(
+        f"CREATE TABLE IF NOT EXISTS {COMPRESSED_TABLE} ("
+        "id INTEGER PRIMARY KEY, start_line INTEGER NOT NULL, "
+        "end_line INTEGER NOT NULL, body BLOB NOT NULL)"
+    )
+    cursor.execute(
+        f"CREATE VIRTUAL TABLE IF NOT EXISTS {TRIGRAM_TABLE} USING fts5("
+        "text, content='', detail=none, tokenize='trigram')"
+    )
+    cursor.execute(
+        f"CREATE TABLE IF NOT EXISTS {DICTIONARY_TABLE} ("
+        "id INTEGER PRIMARY KEY CHECK (id = 1), data BLOB NOT NULL)"
+    )
+    cursor.execute(f"INSERT OR IGNORE INTO {DICTIONARY_TABLE} VALUES (1, ?)", (dictionary,))
 
 
 def drop_tables(cursor: sqlite3.Cursor) -> None:
     """Drop the chunk tables of both layouts."""
-    for table in (COMPRESSED_TABLE, TRIGRAM_TABLE, "code_chunks"):
+    for table in (COMPRESSED_TABLE, TRIGRAM_TABLE, DICTIONARY_TABLE, "code_chunks"):
         cursor.execute(f"DROP TABLE IF EXISTS {table}")
+
+
+def dictionary(db) -> bytes:
+    """The compressed layout's codec dictionary (empty when it has none)."""
+    rows = db.fetchall(f"SELECT data FROM {DICTIONARY_TABLE} WHERE id = 1")
+    return rows[0][0] if rows and rows[0][0] else b""
+
+
+def set_dictionary(cursor: sqlite3.Cursor, data: bytes) -> None:
+    """Replace the codec dictionary: only while the compressed table holds no chunk."""
+    cursor.execute(f"UPDATE {DICTIONARY_TABLE} SET data = ? WHERE id = 1", (data,))
+
+
+def encode_chunks(store: Layout, encoder: codec.Encoder | None, chunks: Sequence[Chunk]) -> list[tuple]:
+    """A file's chunks as ``insert_encoded`` stores them.
+
+    This is most of the work of storing a file and touches no database, so it can run on
+    any thread (``encoder``, the compressed layout's, on one thread at a time).
+    """
+    if len(chunks) >= CHUNK_STRIDE:
+        raise ValueError(f"{len(chunks)} chunks do not fit the row ids of one file")
+    if store == "compressed":
+        assert encoder is not None
+        encode = encoder.encode
+        return [(s, e, encode(t), _searchable(t)) for s, e, t in chunks]
+    return [(s, e, _searchable(t), t if "\0" in t else None) for s, e, t in chunks]
+
+
+def insert_encoded(cursor: sqlite3.Cursor, store: Layout, file_id: int, encoded: Sequence[tuple]) -> None:
+    """Store a file's encoded chunks under consecutive row ids from ``file_id * CHUNK_STRIDE``."""
+    first = file_id * CHUNK_STRIDE
+    if store == "compressed":
+        insert_rows(cursor, [(first + i, *row) for i, row in enumerate(encoded)])
+    else:
+        cursor.executemany(
+            "INSERT INTO code_chunks (rowid, start_line, end_line, text, exact) "
+            "VALUES (?, ?, ?, ?, ?)",
+            [(first + i, *row) for i, row in enumerate(encoded)],
+        )
+
+
+def encoded_row(
+    encoder: codec.Encoder, rowid: int, start: int, end: int, text: str
+) -> tuple[int, int, int, bytes, str]:
+    """One chunk ready for ``insert_rows``."""
+    return rowid, start, end, encoder.encode(text), _searchable(text)
+
+
+def insert_rows(cursor: sqlite3.Cursor, rows: Iterable[tuple[int, int, int, bytes, str]]) -> None:
+    """Store rows made by ``encoded_rows`` in the compressed layout."""
+    rows = list(rows)
+    cursor.executemany(
+        f"INSERT INTO {COMPRESSED_TABLE} (id, start_line, end_line, body) VALUES (?, ?, ?, ?)",
+        [row[:4] for row in rows],
+    )
+    cursor.executemany(
+        f"INSERT INTO {TRIGRAM_TABLE} (rowid, text) VALUES (?, ?)",
+        [(row[0], row[4]) for row in rows],
+    )
 
 
 def store_chunks(
     cursor: sqlite3.Cursor, store: Layout, file_id: int, chunks: Sequence[Chunk]
 ) -> None:
     """Store a file's chunks under consecutive row ids from ``file_id * CHUNK_STRIDE``."""
-    if len(chunks) >= CHUNK_STRIDE:
-        raise ValueError(f"{len(chunks)} chunks do not fit the row ids of one file")
-    first = file_id * CHUNK_STRIDE
-    if store == "compressed":
-        cursor.executemany(
-            f"INSERT INTO {COMPRESSED_TABLE} (id, start_line, end_line, body) "
-            "VALUES (?, ?, ?, ?)",
-            [(first + i, s, e, _compress(t)) for i, (s, e, t) in enumerate(chunks)],
-        )
-        cursor.executemany(
-            f"INSERT INTO {TRIGRAM_TABLE} (rowid, text) VALUES (?, ?)",
-            [(first + i, _searchable(t)) for i, (_, _, t) in enumerate(chunks)],
-        )
-    else:
-        cursor.executemany(
-            "INSERT INTO code_chunks (rowid, start_line, end_line, text, exact) "
-            "VALUES (?, ?, ?, ?, ?)",
-            [
-                (first + i, s, e, _searchable(t), t if "\0" in t else None)
-                for i, (s, e, t) in enumerate(chunks)
-            ],
-        )
+    encoder = codec.Encoder(dictionary(_handle(cursor))) if store == "compressed" else None
+    insert_encoded(cursor, store, file_id, encode_chunks(store, encoder, chunks))
 
 
 def drop_chunks(cursor: sqlite3.Cursor, store: Layout, file_id: int) -> None:
@@ -126,21 +182,18 @@ def drop_chunks(cursor: sqlite3.Cursor, store: Layout, file_id: int) -> None:
     if store != "compressed":
         cursor.execute("DELETE FROM code_chunks WHERE rowid >= ? AND rowid < ?", (first, end))
         return
-    if _has_contentless_delete(cursor):
-        cursor.execute(
-            f"DELETE FROM {TRIGRAM_TABLE} WHERE rowid >= ? AND rowid < ?", (first, end)
-        )
-    else:
-        # Without contentless_delete, the index forgets a row only when handed the very
-        # text it was given; the exact text gives it back.
-        rows = cursor.execute(
-            f"SELECT id, body FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end)
-        ).fetchall()
-        cursor.executemany(
-            f"INSERT INTO {TRIGRAM_TABLE} ({TRIGRAM_TABLE}, rowid, text) "
-            "VALUES ('delete', ?, ?)",
-            [(rowid, _searchable(_decompress(body))) for rowid, body in rows],
-        )
+    # The index forgets a row only when handed the very text it was given; the exact
+    # text gives it back.
+    rows = cursor.execute(
+        f"SELECT id, body FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end)
+    ).fetchall()
+    if not rows:
+        return
+    decode = _decoder(_handle(cursor))
+    cursor.executemany(
+        f"INSERT INTO {TRIGRAM_TABLE} ({TRIGRAM_TABLE}, rowid, text) VALUES ('delete', ?, ?)",
+        [(rowid, _searchable(decode(body))) for rowid, body in rows],
+    )
     cursor.execute(f"DELETE FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end))
 
 
@@ -149,7 +202,7 @@ def set_bulk_load(cursor: sqlite3.Cursor, store: Layout, bulk: bool) -> None:
 
     Merging once at the end (``optimize``) costs far less than merging all along.
     """
-    table = _fts_table(store)
+    table = fts_table(store)
     cursor.execute(
         f"INSERT INTO {table} ({table}, rank) VALUES ('automerge', ?)", (0 if bulk else 4,)
     )
@@ -157,12 +210,8 @@ def set_bulk_load(cursor: sqlite3.Cursor, store: Layout, bulk: bool) -> None:
 
 def optimize(cursor: sqlite3.Cursor, store: Layout) -> None:
     """Merge the trigram index into one b-tree."""
-    table = _fts_table(store)
+    table = fts_table(store)
     cursor.execute(f"INSERT INTO {table} ({table}) VALUES ('optimize')")
-
-
-def _fts_table(store: Layout) -> str:
-    return TRIGRAM_TABLE if store == "compressed" else "code_chunks"
 
 
 # -- reader side ----------------------------------------------------------------------
@@ -172,12 +221,37 @@ def trigram_query(needle: str) -> str | None:
     """The full-text query for chunks holding ``needle``; None below three characters.
 
     The trigram index cannot look up fewer than three characters, and None makes
-    ``matching_rows`` read every chunk instead.  The needle is one quoted phrase, so every
-    character is taken literally.
+    ``matching_rows`` read every chunk instead.  The query is an AND of the needle's
+    distinct trigrams (at most ``MAX_TRIGRAMS``, spread over it), each a quoted string so
+    that every character is taken literally.  A chunk holds all of them when it holds the
+    needle, so the answer is a superset.  A needle ending in "i" leaves out its last
+    trigram: in a lower-cased line that "i" may come from U+0130, which the index does not
+    fold to "i".
     """
     if len(needle) < 3:
         return None
-    return '"' + needle.replace('"', '""') + '"'
+    starts = len(needle) - 2 - (needle[-1] in "iI")
+    if starts <= 0:
+        return None
+    # A long needle is sampled at evenly spread places before its repeats are dropped, so
+    # that its length costs nothing here.
+    step = max(1.0, starts / (4 * MAX_TRIGRAMS))
+    taken = range(0, starts) if step == 1.0 else (int(k * step) for k in range(4 * MAX_TRIGRAMS))
+    trigrams = list(dict.fromkeys(needle[i : i + 3] for i in taken))
+    if len(trigrams) > MAX_TRIGRAMS:
+        trigrams = trigrams[:: -(-len(trigrams) // MAX_TRIGRAMS)]
+    return " AND ".join('"' + t.replace('"', '""') + '"' for t in trigrams)
+
+
+def matching_ids(db, match: str, store: Layout = "compressed") -> set[int]:
+    """The row ids of the chunks that a full-text ``match`` expression selects.
+
+    Any FTS5 query of the layout's table (``fts_table``) goes; the file of a row id is
+    ``rowid // CHUNK_STRIDE``.  The compressed layout keeps no positions: a phrase of
+    more than one trigram is refused there (``trigram_query`` gives an AND instead).
+    """
+    table = fts_table(store)
+    return {row[0] for row in _stepped(db, f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))}
 
 
 def matching_rows(
@@ -187,12 +261,13 @@ def matching_rows(
 
     Each row: row id, first line, last line, exact text, and whether the chunk is its
     file's last.  With ``match`` None every chunk of those files; with a query at least
-    every chunk whose text holds the needle (ASCII letters in any case; the trigram index
-    folds case), and maybe more.  The rows are read as they are taken: one chunk's text
-    is held at a time.
+    every chunk whose text holds the needle (ASCII letters in any case, as
+    ``trigram_query`` explains), and maybe more.  The rows are read as they are taken: one
+    chunk's text is held at a time.
     """
     if match is None:
         return _whole_files(db, ids)
+    decode = _decoder(db)
     rows = _stepped(
         db,
         f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
@@ -201,7 +276,7 @@ def matching_rows(
         (match,),
     )
     return (
-        (rowid, start, stop, _decompress(body), bool(last))
+        (rowid, start, stop, decode(body), bool(last))
         for rowid, start, stop, body, last in rows
         if rowid // CHUNK_STRIDE in ids
     )
@@ -231,11 +306,12 @@ def _whole_files(db, ids: Collection[int]) -> Iterator[tuple[int, int, int, str,
                 (first * CHUNK_STRIDE, (last + 1) * CHUNK_STRIDE),
             )
         )
+    decode = _decoder(db)
     held = next(rows, None)
     while held is not None:
         after = next(rows, None)
         rowid, start, stop, body = held
-        yield rowid, start, stop, _decompress(body), after is None or after[0] != rowid + 1
+        yield rowid, start, stop, decode(body), after is None or after[0] != rowid + 1
         held = after
 
 
@@ -252,8 +328,9 @@ def _runs(ids: list[int]) -> list[tuple[int, int]]:
 
 def file_rows(db, first: int, end: int) -> list[tuple[int, int, str]]:
     """A file's chunks with row ids in [first, end), as (start_line, end_line, text)."""
+    decode = _decoder(db)
     return [
-        (start, stop, _decompress(body))
+        (start, stop, decode(body))
         for start, stop, body in _stepped(
             db,
             f"SELECT start_line, end_line, body FROM {COMPRESSED_TABLE} "
@@ -274,16 +351,31 @@ def _searchable(text: str) -> str:
     return text.replace("\0", " ")
 
 
-def _compress(text: str) -> bytes:
-    return zlib.compress(text.encode("utf-8"))
+def _decoder(db) -> Any:
+    """The function that turns a chunk body of ``db`` back into its text.
+
+    Kept on the database handle: making one loads the dictionary, and a handle's
+    dictionary does not change while it is open for reading.
+    """
+    decode = getattr(db, "_chunk_decoder", None)
+    if decode is None:
+        decode = codec.Decoder(dictionary(db)).decode
+        try:
+            db._chunk_decoder = decode
+        except (AttributeError, TypeError):
+            pass
+    return decode
 
 
-def _decompress(body: bytes) -> str:
-    return zlib.decompress(body).decode("utf-8")
+def _handle(cursor: sqlite3.Cursor) -> Any:
+    # The reader functions' view of a writer's cursor: its connection, whose statements
+    # see the cursor's uncommitted writes.
+    return _CursorHandle(cursor.connection)
 
 
-def _has_contentless_delete(cursor: sqlite3.Cursor) -> bool:
-    row = cursor.execute(
-        "SELECT sql FROM sqlite_master WHERE type = 'table' AND name = ?", (TRIGRAM_TABLE,)
-    ).fetchone()
-    return row is not None and "contentless_delete" in row[0]
+class _CursorHandle:
+    def __init__(self, connection: sqlite3.Connection) -> None:
+        self.connection = connection
+
+    def fetchall(self, sql: str, parameters: Sequence[Any] = ()) -> list[Any]:
+        return self.connection.execute(sql, parameters).fetchall()
