@@ -23,29 +23,52 @@ class Query(NamedTuple):
     case_sensitive: bool
 
     @classmethod
-    def parse(cls, text: str, *, regex: bool = False, ignore_case: bool = False) -> Query:
+    def parse(
+        cls,
+        patterns: str | Sequence[str],
+        *,
+        fixed: bool = False,
+        ignore_case: bool = False,
+        smart_case: bool = False,
+        word: bool = False,
+    ) -> Query:
+        """A query for lines that match any of ``patterns``: Python regexes, or texts with
+        ``fixed``. ``smart_case`` ignores case when no pattern has an upper-case letter
+        (outside an escape); ``word`` keeps only matches that no word character touches."""
+        if isinstance(patterns, str):
+            patterns = [patterns]
+        if not patterns:
+            raise QueryError("no pattern given")
+        for text in patterns:
+            try:
+                text.encode("utf-8")
+            except UnicodeEncodeError:
+                raise QueryError(f"the pattern is not valid UTF-8: {text!r}") from None
+        if smart_case:
+            ignore_case = not any(_has_upper(text, fixed) for text in patterns)
+        (first, *others) = patterns
+        if not (others or word) and (fixed or _REGEX_SYNTAX.isdisjoint(first)):
+            # Text without regex syntax runs as a plain search, which the index narrows.
+            return cls(first.lower() if ignore_case else first, None, not ignore_case)
+        sources = [re.escape(text) if fixed else text for text in patterns]
+        source = "|".join(f"(?:{s})" for s in sources) if others else sources[0]
+        if word:
+            source = rf"(?<!\w)(?:{source})(?!\w)"
         try:
-            text.encode("utf-8")
-        except UnicodeEncodeError:
-            raise QueryError("the query is not valid UTF-8") from None
-        if not regex:
-            return cls(text.lower() if ignore_case else text, None, not ignore_case)
-        try:
-            pattern = re.compile(text, re.IGNORECASE if ignore_case else 0)
-        except re.error as error:
-            raise QueryError(f"invalid regex {text!r}: {error}") from None
+            pattern = re.compile(source, re.IGNORECASE if ignore_case else 0)
+        except (re.error, OverflowError, RecursionError) as error:
+            shown = " ".join(map(repr, patterns))
+            raise QueryError(f"invalid regex {shown}: {error}") from None
         return cls(None, pattern, not ignore_case)
 
-    def span(self, line: str, column: int) -> tuple[int, int] | None:
-        """Where the match reported at ``column`` lies in ``line``, for highlighting."""
-        if self.pattern is not None:
-            found = self.pattern.search(line)
-            return found.span() if found else None
-        assert self.needle is not None
-        # An ignore-case column counts in the lower-cased line, which may be longer.
-        if not self.case_sensitive and len(line.lower()) != len(line):
-            return None
-        return column, column + len(self.needle)
+
+# A pattern with none of these is plain text, as a regex would match it.
+_REGEX_SYNTAX = frozenset(".^$*+?{}[]\\|()")
+
+
+def _has_upper(text: str, fixed: bool) -> bool:
+    # In a regex an escape such as \W or \S names a class, not a letter to match.
+    return any(c.isupper() for c in (text if fixed else re.sub(r"\\.", "", text)))
 
 
 class Hit(NamedTuple):
