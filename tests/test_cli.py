@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import hashlib
 import json
+import os
 import re
 import sqlite3
 import subprocess
@@ -51,12 +52,12 @@ QUERIES = [
     (["-i"], "NEEDLE"),
     (["-i"], "σίσ"),
     (["-i"], "École"),
-    (["--regex"], r"def \w+\(self"),
-    (["--regex", "-i"], r"^\s*RETURN\b"),
-    (["--regex"], r"^$"),  # empty lines, an empty match at column 1
+    ([], r"def \w+\(self"),
+    (["-i"], r"^\s*RETURN\b"),
+    ([], r"^$"),  # empty lines, an empty match at column 1
     (["-C", "2"], "needle"),
     (["-C", "3", "-i"], "width"),
-    (["-C", "4", "--regex"], "wrap|self"),  # context across chunk edges
+    (["-C", "4"], "wrap|self"),  # context across chunk edges
 ]
 
 
@@ -68,11 +69,12 @@ def write_tree(root: Path, files: dict[str, str | bytes]) -> None:
 
 
 @pytest.fixture
-def repo(tmp_path: Path) -> Path:
+def repo(tmp_path: Path, monkeypatch) -> Path:
     root = tmp_path / "repo"
     root.mkdir()
     subprocess.run(["git", "init", "-q", str(root)], check=True)
     write_tree(root, FILES | NOT_INDEXED)
+    monkeypatch.chdir(root)  # paths print relative to the current directory
     return root
 
 
@@ -84,7 +86,7 @@ def disk_scan(root: Path, paths, args: list[str], query: str) -> list[dict]:
     for path in sorted(paths):
         lines = (root / path).read_bytes().decode("utf-8", "replace").splitlines()
         for number, line in enumerate(lines, 1):
-            if "--regex" in args:
+            if not set(query).isdisjoint(".^$*+?{}[]\\|()"):
                 match = re.search(query, line, re.IGNORECASE if ignore_case else 0)
                 column = match.start() if match else -1
             elif ignore_case:
@@ -108,9 +110,32 @@ def run(capsys, *argv: str | Path) -> tuple[int, str, str]:
 
 def search_json(capsys, root: Path, args: list[str], query: str) -> list[dict]:
     code, out, err = run(capsys, "search", "code", "--json", *args, "--", query, root)
-    assert code == (0 if out else 1), err
     assert "read from the files on disk" not in err
-    return [json.loads(line) for line in out.splitlines()]
+    found = json_hits(out, args)
+    assert code == (0 if found else 1), err
+    return found
+
+
+def json_hits(out: str, args: list[str]) -> list[dict]:
+    """rg's JSON lines read back as disk_scan gives matches, each with its context."""
+    context = int(args[args.index("-C") + 1]) if "-C" in args else 0
+    found, lines = [], {}
+    for record in map(json.loads, out.splitlines()):
+        data = record["data"]
+        if record["type"] == "begin":
+            lines = {}
+        elif record["type"] in ("match", "context"):
+            text = data["lines"]["text"]
+            lines[data["line_number"]] = (text.splitlines() or [""])[0]
+            if record["type"] == "match":
+                start = data["submatches"][0]["start"]
+                found.append((data["path"]["text"], data["line_number"], len(text.encode()[:start].decode()) + 1, lines))
+    return [
+        {"path": path, "line": number, "column": column, "context": [
+            {"line": n, "content": shown[n]} for n in range(number - context, number + context + 1) if n in shown
+        ]}
+        for path, number, column, shown in found
+    ]
 
 
 def files_table(root: Path) -> dict[str, tuple[str, int]]:
@@ -209,7 +234,7 @@ def test_missing_chunks_make_the_search_read_the_disk(repo, capsys):
         "velmora: read from the files on disk: 1 indexed file(s) have no chunks yet "
         "(the next index pass parses them)\n"
     )
-    assert [json.loads(line) for line in out.splitlines()] == disk_scan(repo, FILES, ["-i"], "needle")
+    assert json_hits(out, ["-i"]) == disk_scan(repo, FILES, ["-i"], "needle")
 
 
 def db_digest(root: Path) -> str:
@@ -219,8 +244,8 @@ def db_digest(root: Path) -> str:
 @pytest.mark.parametrize(
     "argv, message",
     [
-        (["search", "code", "--regex", "(unclosed", "{repo}"], "velmora: error: invalid regex '(unclosed'"),
-        (["search", "code", "x", "{repo}/nowhere"], "velmora: error: no such repository: "),
+        (["search", "code", "(unclosed", "{repo}"], "velmora: error: invalid regex '(unclosed'"),
+        (["search", "code", "x", "{repo}/nowhere"], "velmora: error: no such file or directory: "),
         (["index", "{repo}/nowhere"], "velmora: error: no such repository: "),
     ],
 )
@@ -285,6 +310,7 @@ def test_progress_bar_only_on_a_terminal(tmp_path):
 def test_the_command_runs_as_a_program(repo):
     done = subprocess.run(
         [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle", str(repo)],
-        capture_output=True, text=True,
+        capture_output=True, text=True, cwd=repo,
+        env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
     )
     assert (done.returncode, done.stdout) == (0, "cr.txt:2:6:beta needle\n")

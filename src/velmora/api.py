@@ -17,7 +17,7 @@ from collections.abc import Iterator, Sequence
 from pathlib import Path
 from types import TracebackType
 
-from velmora import schema
+from velmora import file_types, schema
 from velmora.db import Database
 from velmora.search import Hit, Query, search, select_files
 from velmora.storage import chunk_store, code_text
@@ -91,6 +91,7 @@ class Repository:
         *,
         globs: Sequence[str] = (),
         paths: Sequence[str] = (),
+        types: Sequence[str] = (),
         before: int = 0,
         after: int = 0,
         max_count: int | None = None,
@@ -100,18 +101,35 @@ class Repository:
         were read from disk (None when they weren't).
 
         ``globs`` are gitignore-style ("!" excludes); ``paths`` limit the search to those
-        files and directories, relative to the root; ``before``/``after`` add context
+        files and directories, relative to the root; ``types`` to files of those types by
+        name, as rg knows them ("py"; "!py" excludes); ``before``/``after`` add context
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
         changed since the index was written are taken as they are now.
         """
         if refresh:
             self.refresh()
-        files = select_files(self._db, globs)
-        if paths:
-            files = [row for row in files if _under(row[1], paths)]
+        files = self._selected(globs, paths, types)
         return search(
             self._db, query, files, before=before, after=after, max_count=max_count
         )
+
+    def files(
+        self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
+    ) -> list[tuple[str, int]]:
+        """The indexed files that a search with these limits reads, as (path, size)."""
+        size = dict(self._db.fetchall("SELECT id, size FROM files"))
+        return [(row[1], size[row[0]]) for row in self._selected(globs, paths, types)]
+
+    def _selected(
+        self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str]
+    ) -> list[code_text.FileRow]:
+        files = select_files(self._db, globs)
+        if paths:
+            files = [row for row in files if _under(row[1], paths)]
+        of_type = file_types.matcher(types)
+        if of_type is not None:
+            files = [row for row in files if of_type(row[1])]
+        return files
 
     def refresh(self) -> None:
         """Bring the index up to date with the files as they are now."""

@@ -3,23 +3,17 @@
 from __future__ import annotations
 
 import argparse
-import functools
 import gc
 import os
 import sqlite3
 import sys
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from pathlib import Path
-from typing import TYPE_CHECKING
 
 from velmora import schema
 from velmora.api import Repository, RepositoryError, find_root
-from velmora.search import Hit, Query, QueryError
-
-if TYPE_CHECKING:
-    import json
-
-_PATH, _NUMBER, _MATCH, _RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
+from velmora.search import Query, QueryError
+from velmora.utils.fsio import read_bytes_no_follow
 
 
 class UsageError(Exception):
@@ -29,10 +23,6 @@ class UsageError(Exception):
 def main(argv: Sequence[str] | None = None) -> int:
     parser = _parser()
     args, extra = parser.parse_known_args(argv)
-    # argparse takes the positionals of one run together, so a repository named after
-    # options (``search code QUERY -i REPO``) comes back unparsed.
-    if len(extra) == 1 and not extra[0].startswith("-") and getattr(args, "repo", "") is None:
-        args.repo, extra = extra[0], []
     if extra:
         parser.error(f"unrecognized arguments: {' '.join(extra)}")
     # A run makes millions of small objects and no reference cycles: the cycle collector
@@ -74,7 +64,7 @@ def main(argv: Sequence[str] | None = None) -> int:
 
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="velmora", description="Index a repository and search its code.")
-    commands = parser.add_subparsers(dest="command", required=True)
+    commands = parser.add_subparsers(dest="command", required=True, parser_class=_CommandParser)
 
     index = commands.add_parser("index", help="index a repository, or bring its index up to date")
     index.add_argument("repo", nargs="?", help="the repository (default: .)")
@@ -95,29 +85,95 @@ def _parser() -> argparse.ArgumentParser:
     status.set_defaults(run=_status)
 
     search_cmd = commands.add_parser("search", help="search the index")
-    kinds = search_cmd.add_subparsers(dest="kind", required=True)
-    code = kinds.add_parser("code", help="find a text or regex in the indexed files")
-    code.add_argument("query", help="the text to find (a Python regex with --regex)")
-    code.add_argument("repo", nargs="?", help="the repository (default: .)")
-    code.add_argument("-e", "--regex", action="store_true", help="the query is a regex")
-    code.add_argument("-i", "--ignore-case", action="store_true", help="ignore case")
-    code.add_argument("-C", "--context", type=_count, default=0, metavar="N",
+    kinds = search_cmd.add_subparsers(dest="kind", required=True, parser_class=_CommandParser)
+    _search_code_options(kinds.add_parser(
+        "code", help="find lines matching a pattern in the indexed files",
+        usage="%(prog)s [OPTIONS] PATTERN [PATH ...]\n       %(prog)s [OPTIONS] -e PATTERN ... [PATH ...]",
+    ))
+    return parser
+
+
+def _search_code_options(code: argparse.ArgumentParser) -> None:
+    code.add_argument("positionals", nargs="*", metavar="PATTERN [PATH ...]",
+                      help="a Python regex (plain text when it has no regex syntax); the "
+                      "files and directories to search (default: the current directory)")
+    code.add_argument("-e", "--regexp", action="append", default=[], metavar="PATTERN",
+                      help="a pattern; repeatable, a line matching any of them matches")
+    code.add_argument("-F", "--fixed-strings", action="store_true",
+                      help="the patterns are plain text, not regexes")
+    code.add_argument("-i", "--ignore-case", dest="case", action="store_const", const="ignore",
+                      default="sensitive", help="ignore case")
+    code.add_argument("-S", "--smart-case", dest="case", action="store_const", const="smart",
+                      help="ignore case unless a pattern has an upper-case letter")
+    code.add_argument("-s", "--case-sensitive", dest="case", action="store_const",
+                      const="sensitive", help="respect case (the default)")
+    code.add_argument("-w", "--word-regexp", action="store_true",
+                      help="only matches that no word character touches")
+    shape = code.add_mutually_exclusive_group()
+    shape.add_argument("-l", "--files-with-matches", dest="mode", action="store_const",
+                       const="files", default="lines", help="print only the files that match")
+    shape.add_argument("-c", "--count", dest="mode", action="store_const", const="count",
+                       help="print each matching file with its number of matching lines")
+    shape.add_argument("--json", dest="mode", action="store_const", const="json",
+                       help="print results as JSON lines, as rg --json does")
+    # As in rg, the last of -A, -B and -C given wins for each side.
+    code.add_argument("-A", "--after-context", dest="after", type=_count, default=0,
+                      metavar="N", help="show N lines after each match")
+    code.add_argument("-B", "--before-context", dest="before", type=_count, default=0,
+                      metavar="N", help="show N lines before each match")
+    code.add_argument("-C", "--context", action=_BothSides, type=_count, metavar="N",
                       help="show N lines before and after each match")
+    code.add_argument("-t", "--type", action="append", default=[], metavar="TYPE",
+                      help="search only files of this type (see --type-list); repeatable")
+    code.add_argument("-T", "--type-not", action="append", default=[], metavar="TYPE",
+                      help="do not search files of this type; repeatable")
+    code.add_argument("--type-list", action="store_true", help="list the file types and exit")
     code.add_argument("-g", "--glob", action="append", default=[],
                       help="search only files matching this glob; !GLOB excludes (repeatable)")
     code.add_argument("-m", "--max-count", type=_count, metavar="N",
                       help="at most N matching lines per file")
-    code.add_argument("--json", action="store_true", help="one JSON object per match")
-    code.add_argument("--color", choices=("auto", "always", "never"), default="auto")
+    code.add_argument("--stats", action="store_true",
+                      help="print what the search found and did, on standard error")
+    code.add_argument("--color", choices=("auto", "always", "never"), default="auto",
+                      help="highlight paths, line numbers and matches (auto: on a terminal)")
     code.set_defaults(run=_search)
-    return parser
+
+
+class _BothSides(argparse.Action):
+    def __call__(self, parser, namespace, values, option_string=None):
+        namespace.before = namespace.after = values
+
+
+class _CommandParser(argparse.ArgumentParser):
+    """A subcommand's parser: options and positionals in any order, as grep users write
+    them, and a wrong argument answered with this subcommand's usage."""
+
+    _nested = False
+
+    def parse_known_args(self, args=None, namespace=None):
+        if self._nested or any(a.nargs == argparse.PARSER for a in self._get_positional_actions()):
+            return super().parse_known_args(args, namespace)
+        # parse_known_intermixed_args calls this method again for each of its two passes.
+        self._nested = True
+        try:
+            namespace, extra = self.parse_known_intermixed_args(args, namespace)
+        finally:
+            self._nested = False
+        if extra:
+            self.error(f"unrecognized arguments: {' '.join(extra)}")
+        return namespace, []
+
+    def error(self, message: str):  # type: ignore[override]
+        if message.startswith("argument "):
+            # A known option with a bad value: one line says what is wrong with it.
+            self.exit(2, f"{self.prog}: error: {message}\n")
+        super().error(message)
 
 
 def _count(text: str) -> int:
-    value = int(text)
-    if value < 0:
+    if not text.isdecimal():
         raise argparse.ArgumentTypeError(f"not a count: {text}")
-    return value
+    return int(text)
 
 
 def _repo(text: str | None) -> Path:
@@ -141,91 +197,94 @@ def _status(args: argparse.Namespace) -> int:
 
 
 def _search(args: argparse.Namespace) -> int:
+    from velmora import file_types, output
+
+    if args.type_list:
+        listed = file_types.table().items()
+        sys.stdout.write("".join(f"{name}: {', '.join(globs)}\n" for name, globs in listed))
+        return 0
     # Everything the user gave is checked before the index is touched.
-    query = Query.parse(args.query, regex=args.regex, ignore_case=args.ignore_case)
-    root = _repo(args.repo)
-    db_path = schema.index_path(root)
-    if not db_path.exists():
+    patterns, paths = (
+        (args.regexp, args.positionals) if args.regexp
+        else (args.positionals[:1], args.positionals[1:])
+    )
+    if not patterns:
+        raise UsageError("no pattern given (velmora search code PATTERN [PATH ...])")
+    query = Query.parse(
+        patterns, fixed=args.fixed_strings, ignore_case=args.case == "ignore",
+        smart_case=args.case == "smart", word=args.word_regexp,
+    )
+    types = [*args.type, *(f"!{name}" for name in args.type_not)]
+    try:
+        file_types.matcher(types)
+    except file_types.UnknownType as error:
+        raise UsageError(str(error)) from None
+    root, limits = _scope(paths)
+    if not schema.index_path(root).exists():
         # Imported only here: a search of an existing index starts faster without it.
         from velmora import indexer
 
         print(indexer.index(root).line(), file=sys.stderr)
+    under = [prefix for _, prefix in limits]
     with Repository.open(root, create=False) as repo:
         results, reason = repo.search(
-            query, globs=args.glob, before=args.context, after=args.context,
-            max_count=args.max_count, refresh=False,
+            query, globs=args.glob, paths=under, types=types, before=args.before,
+            after=args.after, max_count=args.max_count, refresh=False,
         )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)
-        color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
-        found = False
-        # One write per file: the output of a common query runs to millions of lines.
-        for path, hits in results:
-            if args.json:
-                sys.stdout.write(_json_text(path, hits))
-            else:
-                if found and args.context:
-                    sys.stdout.write("--\n")
-                sys.stdout.write(_text(path, hits, query, args.context > 0, color))
-            found = True
+        printer = output.Printer(
+            query, sys.stdout, mode=args.mode, context=bool(args.before or args.after),
+            color=args.color == "always" or (args.color == "auto" and sys.stdout.isatty()),
+            shown=_shown(limits), read=lambda path: _read(root, path), stats=args.stats,
+        )
+        found = printer.print_all(results)
+        if args.stats or args.mode == "json":
+            searched = repo.files(globs=args.glob, paths=under, types=types)
+            printer.finish(len(searched), sum(size for _, size in searched))
         sys.stdout.flush()
     return 0 if found else 1
 
 
-def _json_text(path: str, hits: list[Hit]) -> str:
-    encode = _json_encoder().encode
-    return "".join([
-        encode({
-            "path": path, "line": line, "column": column + 1,
-            "context": [{"line": number, "content": text} for number, text in records],
-        }) + "\n"
-        for line, column, records in hits
-    ])
+def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:
+    """The repository holding the paths (default: the current directory), and each path as
+    given beside the same path relative to the repository's root ("" for the root)."""
+    targets = [Path(text).resolve() for text in paths] or [Path.cwd()]
+    for text, target in zip(paths, targets):
+        if not target.exists():
+            raise UsageError(f"no such file or directory: {text}")
+    root = _repo(str(targets[0] if targets[0].is_dir() else targets[0].parent))
+    limits = []
+    # With no path, the current directory is searched and its files print without "./".
+    for text, target in zip(paths or [""], targets):
+        if not target.is_relative_to(root):
+            raise UsageError(f"{text} is outside the repository at {root}")
+        prefix = target.relative_to(root).as_posix()
+        limits.append((text.rstrip("/") or text, "" if prefix == "." else prefix))
+    return root, limits
 
 
-@functools.cache
-def _json_encoder() -> json.JSONEncoder:
-    # What json.dumps(..., ensure_ascii=False) uses, made once rather than per record.
-    import json
+def _shown(limits: list[tuple[str, str]]) -> Callable[[str], str]:
+    """How a path relative to the root prints: as rg prints it, under the path it was
+    found through, as that was given."""
 
-    return json.JSONEncoder(ensure_ascii=False)
+    def shown(path: str) -> str:
+        for given, prefix in limits:
+            if path == prefix:
+                return given
+            if not prefix or path.startswith(prefix) and path[len(prefix)] == "/":
+                rest = path[len(prefix) + 1 :] if prefix else path
+                return f"{given}/{rest}" if given else rest
+        return path
 
-
-def _text(path: str, hits: list[Hit], query: Query, with_context: bool, color: bool) -> str:
-    """grep's format: ``path:line:column:text`` for matches, ``path-line-text`` around them,
-    and ``--`` between runs of lines that do not touch."""
-    if not (with_context or color):
-        # Without context lines each hit's context is its own line alone.
-        return "".join([
-            f"{path}:{line}:{column + 1}:{records[0][1]}\n"
-            for line, column, records in hits
-        ])
-    shown_path = f"{_PATH}{path}{_RESET}" if color else path
-    matched = {hit.line: hit for hit in hits}
-    printed = 0
-    out: list[str] = []
-    for hit in hits:
-        for number, content in hit.context:
-            if number <= printed:
-                continue
-            if with_context and printed and number > printed + 1:
-                out.append("--\n")
-            printed = number
-            shown_number = f"{_NUMBER}{number}{_RESET}" if color else str(number)
-            if number in matched:
-                column = matched[number].column
-                text = _highlight(content, query.span(content, column)) if color else content
-                out.append(f"{shown_path}:{shown_number}:{column + 1}:{text}\n")
-            else:
-                out.append(f"{shown_path}-{shown_number}-{content}\n")
-    return "".join(out)
+    return shown
 
 
-def _highlight(line: str, span: tuple[int, int] | None) -> str:
-    if span is None or span[0] == span[1]:
-        return line
-    start, end = span
-    return f"{line[:start]}{_MATCH}{line[start:end]}{_RESET}{line[end:]}"
+def _read(root: Path, path: str) -> bytes | None:
+    try:
+        return read_bytes_no_follow(root / path)
+    except OSError:
+        return None
 
 
 if __name__ == "__main__":

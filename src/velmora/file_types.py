@@ -17,12 +17,13 @@ def table() -> dict[str, list[str]]:
     return _table()
 
 
-def matcher(wanted: Sequence[str], unwanted: Sequence[str]) -> Callable[[str], bool] | None:
-    """Whether a path is of one of the ``wanted`` types (any type when none is named) and of
-    none of the ``unwanted``; None when no type is named at all."""
-    if not (wanted or unwanted):
+def matcher(types: Sequence[str]) -> Callable[[str], bool] | None:
+    """Whether a path's file name is of one of the named types ("!" before a name excludes
+    that type instead); None when no type is named. An ``UnknownType`` for a bad name."""
+    if not types:
         return None
-    keep, drop = _name_regex(wanted), _name_regex(unwanted)
+    keep = _name_regex([name for name in types if not name.startswith("!")])
+    drop = _name_regex([name[1:] for name in types if name.startswith("!")])
 
     def match(path: str) -> bool:
         name = path.rpartition("/")[2]

@@ -1,0 +1,272 @@
+"""How search results are printed, as rg prints them: matching lines, counts, file names,
+JSON lines and statistics. Each file's output is built as one str."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable, Iterable
+from itertools import accumulate
+from typing import TextIO
+
+from velmora.search import Hit, Query
+
+PATH, NUMBER, MATCH, RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
+
+
+class Stats:
+    """What a search found and did, as rg counts it for ``--stats`` and its JSON summary."""
+
+    def __init__(self) -> None:
+        self.matches = self.matched_lines = self.files_with_matches = 0
+        self.files_searched = self.bytes_searched = self.bytes_printed = 0
+        self.searching = 0.0  # seconds spent in the search itself, output aside
+
+    def report(self, elapsed: float) -> str:
+        return (
+            f"\n{self.matches} matches\n{self.matched_lines} matched lines\n"
+            f"{self.files_with_matches} files contained matches\n"
+            f"{self.files_searched} files searched\n{self.bytes_printed} bytes printed\n"
+            f"{self.bytes_searched} bytes searched\n{self.searching:.6f} seconds spent searching\n"
+            f"{elapsed:.6f} seconds\n"
+        )
+
+
+def match_spans(query: Query, line: str) -> list[tuple[int, int]]:
+    """Every match of ``query`` in ``line``, as (start, end) offsets in the line itself."""
+    if query.pattern is not None:
+        return [found.span() for found in query.pattern.finditer(line)]
+    needle = query.needle or ""
+    if query.case_sensitive or line.isascii():
+        return _find_all(line.lower() if not query.case_sensitive else line, needle)
+    lowered = line.lower()
+    spans = _find_all(lowered, needle)
+    if len(lowered) == len(line):
+        return spans
+    origin = _origins(line)
+    return [(origin[start], origin[end - 1] + 1 if end > start else origin[start]) for start, end in spans]
+
+
+def column_in_line(query: Query, line: str, column: int) -> int:
+    """The reported column as an offset in ``line``: a case-ignoring plain search counts in
+    the lower-cased line, where a letter such as İ takes two characters."""
+    if query.needle is None or query.case_sensitive or line.isascii():
+        return column
+    return _origins(line)[column] if len(line.lower()) != len(line) else column
+
+
+def _origins(line: str) -> list[int]:
+    # For each character of line.lower(), the offset in line of the letter it comes from.
+    return [at for at, char in enumerate(line) for _ in char.lower()] + [len(line)]
+
+
+def _find_all(text: str, needle: str) -> list[tuple[int, int]]:
+    spans, size = [], len(needle)
+    at = text.find(needle)
+    while at >= 0:
+        spans.append((at, at + size))
+        at = text.find(needle, at + (size or 1))
+    return spans
+
+
+def text_lines(
+    shown_path: str, hits: list[Hit], query: Query, *, context: bool, color: bool
+) -> str:
+    """One file's matches as ``path:line:column:text``, its context lines as
+    ``path-line-text``, and ``--`` between runs of lines that do not touch."""
+    fix_columns = query.needle is not None and not query.case_sensitive
+    if not (context or color or fix_columns):
+        # The common case, kept to one f-string per match: each context is the line alone.
+        return "".join([
+            f"{shown_path}:{line}:{column + 1}:{lines[0][1]}\n" for line, column, lines in hits
+        ])
+    if color:
+        shown_path = f"{PATH}{shown_path}{RESET}"
+    matched = {hit.line: hit.column for hit in hits}
+    printed = 0
+    out: list[str] = []
+    for hit in hits:
+        for number, text in hit.context:
+            if number <= printed:
+                continue
+            if printed and number > printed + 1:
+                out.append("--\n")
+            printed = number
+            shown_number = f"{NUMBER}{number}{RESET}" if color else number
+            if number in matched:
+                column = column_in_line(query, text, matched[number]) + 1
+                if color:
+                    text = _highlight(text, match_spans(query, text))
+                out.append(f"{shown_path}:{shown_number}:{column}:{text}\n")
+            else:
+                out.append(f"{shown_path}-{shown_number}-{text}\n")
+    return "".join(out)
+
+
+def _matched_text(hit: Hit) -> str:
+    # The context runs from its first line, up to ``before`` lines above the match.
+    return hit.context[hit.line - hit.context[0][0]][1]
+
+
+def _highlight(line: str, spans: list[tuple[int, int]]) -> str:
+    pieces, done = [], 0
+    for start, end in spans:
+        if end > start:
+            pieces += [line[done:start], MATCH, line[start:end], RESET]
+            done = end
+    pieces.append(line[done:])
+    return "".join(pieces)
+
+
+def json_records(
+    shown_path: str, hits: list[Hit], query: Query, data: bytes | None, totals: Stats,
+    elapsed: float = 0.0,
+) -> str:
+    """One file's results as rg's JSON lines (begin, match and context, end), counted into
+    ``totals``. ``data``, the file's bytes, gives each line's offset and line ending; without
+    it the offset is null and the ending a line feed. Offsets and spans count bytes."""
+    from json.encoder import encode_basestring as quoted
+
+    path = f'{{"path":{{"text":{quoted(shown_path)}}}'
+    parts: list[str] = []
+    starts: list[int] = []
+    if data is not None:
+        text = data.decode("utf-8", "surrogateescape")
+        parts = text.splitlines(True)
+        sizes = map(len, parts) if data.isascii() else (
+            len(part.encode("utf-8", "surrogateescape")) for part in parts
+        )
+        starts = list(accumulate(sizes, initial=0))
+    matched = {hit.line for hit in hits}
+    out = [f'{{"type":"begin","data":{path}}}}}\n']
+    printed = matches = 0
+    for hit in hits:
+        for number, line in hit.context:
+            if number <= printed:
+                continue
+            printed = number
+            if number <= len(parts):
+                part = parts[number - 1]
+                line_end = part[len(part.splitlines()[0]) :]
+                offset: int | str = starts[number - 1]
+            else:
+                line_end, offset = "\n", "null"
+            if number in matched:
+                kind, spans = "match", match_spans(query, line)
+                matches += len(spans)
+            else:
+                kind, spans = "context", []
+            submatches = ",".join([
+                f'{{"match":{{"text":{quoted(line[start:end])}}},'
+                f'"start":{_size(line[:start])},"end":{_size(line[:end])}}}'
+                for start, end in spans
+            ])
+            out.append(
+                f'{{"type":"{kind}","data":{path},"lines":{{"text":{quoted(line + line_end)}}},'
+                f'"line_number":{number},"absolute_offset":{offset},"submatches":[{submatches}]}}}}\n'
+            )
+    searched = len(data) if data is not None else 0
+    printed_bytes = sum(map(_size, out))
+    end_stats = _json_stats(elapsed, 1, 1, searched, printed_bytes, len(hits), matches)
+    out.append(f'{{"type":"end","data":{path},"binary_offset":null,"stats":{end_stats}}}}}\n')
+    totals.matches += matches
+    totals.matched_lines += len(hits)
+    totals.files_with_matches += 1
+    totals.bytes_searched += searched
+    totals.bytes_printed += printed_bytes
+    return "".join(out)
+
+
+def json_summary(totals: Stats, elapsed: float) -> str:
+    """rg's closing JSON line: the whole search's counts and times."""
+    stats = _json_stats(
+        totals.searching, totals.files_searched, totals.files_with_matches,
+        totals.bytes_searched, totals.bytes_printed, totals.matched_lines, totals.matches,
+    )
+    return f'{{"type":"summary","data":{{"elapsed_total":{_json_time(elapsed)},"stats":{stats}}}}}\n'
+
+
+def _json_stats(elapsed, searches, with_match, searched, printed, lines, matches) -> str:
+    return (
+        f'{{"elapsed":{_json_time(elapsed)},"searches":{searches},"searches_with_match":{with_match},'
+        f'"bytes_searched":{searched},"bytes_printed":{printed},"matched_lines":{lines},'
+        f'"matches":{matches}}}'
+    )
+
+
+def _json_time(seconds: float) -> str:
+    whole, nanos = divmod(round(seconds * 1e9), 1_000_000_000)
+    return f'{{"secs":{whole},"nanos":{nanos},"human":"{seconds:.6f}s"}}'
+
+
+def _size(text: str) -> int:
+    return len(text) if text.isascii() else len(text.encode())
+
+
+class Printer:
+    """Writes one search's results file by file, one write per file, in one of rg's modes:
+    "lines" (the default), "count" (-c), "files" (-l) or "json"."""
+
+    def __init__(
+        self,
+        query: Query,
+        out: TextIO,
+        *,
+        mode: str = "lines",
+        context: bool = False,
+        color: bool = False,
+        shown: Callable[[str], str] = str,
+        read: Callable[[str], bytes | None] = lambda path: None,
+        stats: bool = False,
+    ) -> None:
+        self.query, self.out, self.mode = query, out, mode
+        self.context, self.color, self.shown, self.read = context, color, shown, read
+        self.totals = Stats() if stats or mode == "json" else None
+        self.started = time.perf_counter()
+        self.found = False
+
+    def print_all(self, results: Iterable[tuple[str, list[Hit]]]) -> bool:
+        """Print every file's results; whether anything matched."""
+        totals, clock = self.totals, time.perf_counter
+        write, mode, shown = self.out.write, self.mode, self.shown
+        took = clock()
+        for path, hits in results:
+            searched = clock() - took
+            if mode == "json":
+                assert totals is not None
+                totals.searching += searched
+                block = json_records(shown(path), hits, self.query, self.read(path), totals, searched)
+            else:
+                if mode == "files":
+                    block = f"{shown(path)}\n"
+                elif mode == "count":
+                    block = f"{shown(path)}:{len(hits)}\n"
+                else:
+                    block = text_lines(
+                        shown(path), hits, self.query, context=self.context, color=self.color
+                    )
+                    if self.context and self.found:
+                        block = "--\n" + block
+                if totals is not None:
+                    self._count(path, hits, block, searched)
+            write(block)
+            self.found = True
+            took = clock()
+        return self.found
+
+    def _count(self, path: str, hits: list[Hit], block: str, searched: float) -> None:
+        totals = self.totals
+        assert totals is not None
+        totals.searching += searched
+        totals.files_with_matches += 1
+        totals.matched_lines += len(hits)
+        totals.matches += sum(len(match_spans(self.query, _matched_text(hit))) for hit in hits)
+        totals.bytes_printed += _size(block)
+
+    def finish(self, files_searched: int, bytes_searched: int) -> None:
+        """The closing summary, when one was asked for: a JSON line, or rg's statistics."""
+        if self.totals is None:
+            return
+        self.totals.files_searched, self.totals.bytes_searched = files_searched, bytes_searched
+        elapsed = time.perf_counter() - self.started
+        closing = json_summary if self.mode == "json" else Stats.report
+        self.out.write(closing(self.totals, elapsed))
