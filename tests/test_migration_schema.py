@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import hashlib
-import json
 import sqlite3
 from pathlib import Path
 
@@ -59,16 +58,15 @@ def state(con: sqlite3.Connection):
     return version, "text_on_disk" in columns, chunks
 
 
-def test_a_3_0_index_is_migrated_and_searched(tmp_path, capsys):
+def test_a_3_0_index_is_migrated_and_searched(tmp_path, capsys, monkeypatch):
+    monkeypatch.chdir(tmp_path)
     con = build_3_0_index(tmp_path)
     assert code_text.stored_text_bytes(BIG_JSON) > code_text.LARGE_DATA_TEXT_BYTES
     before = state(con)
     assert before[:2] == ("3.0.4", False) and all(before[2].values())
 
-    assert cli.main(["search", "code", "--json", "needle 1499", str(tmp_path)]) == 0
-    out, err = capsys.readouterr()
-    assert err == ""
-    assert [json.loads(line)["path"] for line in out.splitlines()] == ["big.json"]
+    assert cli.main(["search", "code", "-l", "needle 1499", str(tmp_path)]) == 0
+    assert capsys.readouterr() == ("big.json\n", "")
 
     version, has_column, chunks = state(con)
     assert (version, has_column) == (schema.SCHEMA_VERSION, True)
