@@ -108,8 +108,8 @@ def run(capsys, *argv: str | Path) -> tuple[int, str, str]:
     return code, out, err
 
 
-def search_json(capsys, root: Path, args: list[str], query: str) -> list[dict]:
-    code, out, err = run(capsys, "search", "code", "--json", *args, "--", query, root)
+def search_json(capsys, args: list[str], query: str) -> list[dict]:
+    code, out, err = run(capsys, "search", "code", "--json", *args, "--", query)
     assert "read from the files on disk" not in err
     found = json_hits(out, args)
     assert code == (0 if found else 1), err
@@ -162,7 +162,7 @@ def test_index_and_search_follow_the_files(repo, capsys, layout):
     assert table["lib/shlex.py"] == ("python", 0)
 
     for args, query in QUERIES:
-        assert search_json(capsys, repo, args, query) == disk_scan(repo, FILES, args, query), (args, query)
+        assert search_json(capsys, args, query) == disk_scan(repo, FILES, args, query), (args, query)
 
     # Change, add and delete a file; a new index pass touches only those.
     (repo / "lib/colorsys.py").write_text("def rgb_to_needle(r, g, b):\n    return wrap(r)\n")
@@ -175,7 +175,7 @@ def test_index_and_search_follow_the_files(repo, capsys, layout):
     paths = set(FILES) - {"lib/shlex.py"} | {"added.py"}
     assert set(files_table(repo)) == paths
     for args, query in QUERIES:
-        assert search_json(capsys, repo, args, query) == disk_scan(repo, paths, args, query), (args, query)
+        assert search_json(capsys, args, query) == disk_scan(repo, paths, args, query), (args, query)
 
     code, _, err = run(capsys, "index", repo)
     assert "(0 added, 0 changed, 0 removed): 0 chunks" in err
@@ -186,19 +186,19 @@ def test_switching_layout_rebuilds_the_chunks(repo, capsys):
     code, _, err = run(capsys, "index", "--layout", "compressed", repo)
     assert f"(0 added, {len(FILES)} changed, 0 removed)" in err
     assert "compressed layout" in err
-    assert search_json(capsys, repo, ["-i"], "NEEDLE") == disk_scan(repo, FILES, ["-i"], "NEEDLE")
+    assert search_json(capsys, ["-i"], "NEEDLE") == disk_scan(repo, FILES, ["-i"], "NEEDLE")
 
 
 def test_text_output_like_grep(repo, capsys):
     (repo / "ctx.txt").write_text("".join(f"line {n}{' hit' if n in (3, 5, 12) else ''}\n" for n in range(1, 16)))
-    code, out, err = run(capsys, "search", "code", "-C", "1", "--glob", "ctx.txt", "hit", repo)
+    code, out, err = run(capsys, "search", "code", "-C", "1", "--glob", "ctx.txt", "hit")
     assert code == 0
     assert "indexed" in err  # there was no index yet: it is made first
     assert out == (
         "ctx.txt-2-line 2\nctx.txt:3:8:line 3 hit\nctx.txt-4-line 4\nctx.txt:5:8:line 5 hit\n"
         "ctx.txt-6-line 6\n--\nctx.txt-11-line 11\nctx.txt:12:9:line 12 hit\nctx.txt-13-line 13\n"
     )
-    code, out, _ = run(capsys, "search", "code", "--color", "always", "-g", "cr.txt", "needle", repo)
+    code, out, _ = run(capsys, "search", "code", "--color", "always", "-g", "cr.txt", "needle")
     assert out == "\x1b[35mcr.txt\x1b[0m:\x1b[32m2\x1b[0m:6:beta \x1b[1;31mneedle\x1b[0m\n"
 
 
@@ -207,18 +207,18 @@ def test_max_count_stops_within_and_across_chunks(repo, capsys, layout):
     (repo / "many.txt").write_text("".join(f"hit {n}\n" for n in range(1, 201)))
     run(capsys, "index", "--layout", layout, repo)
     for count in (0, 3, 64, 70, 500):
-        code, out, _ = run(capsys, "search", "code", "-g", "many.txt", "-m", str(count), "hit", repo)
+        code, out, _ = run(capsys, "search", "code", "-g", "many.txt", "-m", str(count), "hit")
         assert out == "".join(f"many.txt:{n}:1:hit {n}\n" for n in range(1, min(count, 200) + 1))
         assert code == (0 if count else 1)
 
 
 def test_globs_and_max_count(repo, capsys):
     run(capsys, "index", repo)
-    code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e", repo)
+    code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
     assert out == 'data/small.json:1:4:{"needle": 1, "Wrap": true}\n'
-    code, out, _ = run(capsys, "search", "code", "-m", "2", "needle", "-g", "*.json", repo)
+    code, out, _ = run(capsys, "search", "code", "-m", "2", "needle", "-g", "*.json")
     assert [line.split(":")[:2] for line in out.splitlines()] == [["data/big.json", "2"], ["data/big.json", "3"], ["data/small.json", "1"]]
-    code, out, _ = run(capsys, "search", "code", "no such text anywhere", repo)
+    code, out, _ = run(capsys, "search", "code", "no such text anywhere")
     assert (code, out) == (1, "")
 
 
@@ -229,7 +229,7 @@ def test_missing_chunks_make_the_search_read_the_disk(repo, capsys):
     with con:
         con.execute("DELETE FROM code_chunks WHERE rowid = ?", (file_id * chunk_store.CHUNK_STRIDE,))
     con.close()
-    code, out, err = run(capsys, "search", "code", "--json", "-i", "needle", repo)
+    code, out, err = run(capsys, "search", "code", "--json", "-i", "needle")
     assert err == (
         "velmora: read from the files on disk: 1 indexed file(s) have no chunks yet "
         "(the next index pass parses them)\n"
@@ -309,7 +309,7 @@ def test_progress_bar_only_on_a_terminal(tmp_path):
 
 def test_the_command_runs_as_a_program(repo):
     done = subprocess.run(
-        [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle", str(repo)],
+        [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle"],
         capture_output=True, text=True, cwd=repo,
         env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
     )

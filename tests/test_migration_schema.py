@@ -65,7 +65,7 @@ def test_a_3_0_index_is_migrated_and_searched(tmp_path, capsys, monkeypatch):
     before = state(con)
     assert before[:2] == ("3.0.4", False) and all(before[2].values())
 
-    assert cli.main(["search", "code", "-l", "needle 1499", str(tmp_path)]) == 0
+    assert cli.main(["search", "code", "-l", "needle 1499"]) == 0
     assert capsys.readouterr() == ("big.json\n", "")
 
     version, has_column, chunks = state(con)

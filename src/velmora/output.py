@@ -88,7 +88,7 @@ def text_lines(
         for number, text in hit.context:
             if number <= printed:
                 continue
-            if printed and number > printed + 1:
+            if context and printed and number > printed + 1:
                 out.append("--\n")
             printed = number
             shown_number = f"{NUMBER}{number}{RESET}" if color else number
