@@ -16,7 +16,7 @@ from velmora import cli
 TREE = {
     "a.py": "def needle():\n    return Needle + x  # needle, needle\n\nclass Words: foo foobar\n",
     "crlf.txt": "needle one\r\nnothing\r\nNEEDLE two\r\n",
-    "sub/b.txt": "a.b(c here\nfoo\nbar baar\nx\ny\nfoo again\n",
+    "sub/b.txt": "a.b(c here\nfoo\nbar baar\nx\ny --not-an-option\nfoo again\n",
     "sub/deep/c.md": "needle café €\ncrème brûlée\n\n# Needle, more\n",
     "tail.txt": "first\nneedle at the end",
 }
@@ -32,6 +32,7 @@ AGREED = [
     (["-w", "foo"], "."),
     (["-e", "foo", "-e", "ba+r"], "."),
     (["-F", "-e", "(c", "-e", "x"], "sub"),
+    (["-i", "--", "--NOT-an"], "sub"),
     (["-l", "needle"], "."),
     (["-c", "-i", "needle"], "."),
     (["-A", "1", "foo"], "."),

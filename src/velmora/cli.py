@@ -153,12 +153,22 @@ class _CommandParser(argparse.ArgumentParser):
     def parse_known_args(self, args=None, namespace=None):
         if self._nested or any(a.nargs == argparse.PARSER for a in self._get_positional_actions()):
             return super().parse_known_args(args, namespace)
+        args = sys.argv[1:] if args is None else list(args)
+        # What follows "--" is positional, whatever it looks like; intermixed parsing
+        # would take it for options.
+        cut = args.index("--") if "--" in args else len(args)
         # parse_known_intermixed_args calls this method again for each of its two passes.
         self._nested = True
         try:
-            namespace, extra = self.parse_known_intermixed_args(args, namespace)
+            namespace, extra = self.parse_known_intermixed_args(args[:cut], namespace)
         finally:
             self._nested = False
+        last = self._get_positional_actions()[-1:]
+        if args[cut + 1 :] and last and last[0].nargs == argparse.ZERO_OR_MORE:
+            dest = last[0].dest
+            setattr(namespace, dest, [*getattr(namespace, dest), *args[cut + 1 :]])
+        else:
+            extra += args[cut + 1 :]
         if extra:
             self.error(f"unrecognized arguments: {' '.join(extra)}")
         return namespace, []
