@@ -78,7 +78,11 @@ def run(capsys, *argv) -> tuple[int, str, str]:
 
 def hits(capsys, root: Path) -> list[tuple[str, int]]:
     code, out, err = run(capsys, "search", "code", "--json", "-i", "needle", root)
-    return sorted((r["path"], r["line"]) for r in map(json.loads, out.splitlines()))
+    records = [json.loads(line) for line in out.splitlines()]
+    return sorted(
+        (Path(r["data"]["path"]["text"]).relative_to(root).as_posix(), r["data"]["line_number"])
+        for r in records if r["type"] == "match"
+    )
 
 
 def test_a_compressed_index_of_schema_3_1_is_converted_in_place(tmp_path, capsys):
