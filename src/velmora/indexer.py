@@ -16,7 +16,7 @@ from collections.abc import Iterator
 from concurrent.futures import Future, ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, NamedTuple
+from typing import NamedTuple
 
 import pathspec
 
@@ -249,41 +249,40 @@ def _update(
     dictionary = chunk_store.dictionary(db) if wanted == "compressed" else b""
     last_run = int(schema.get_meta(db, "last_run_ns") or 0)
     known = {
-        path: _Known(file_id, size, mtime_ns, sha1, inode)
-        for file_id, path, size, mtime_ns, sha1, inode in db.fetchall(
-            "SELECT id, path, size, mtime_ns, sha1, inode FROM files"
-        )
+        row[1]: _Known(row[0], *row[2:])
+        for row in db.fetchall("SELECT id, path, size, mtime_ns, sha1, inode FROM files")
     }
+    left_out = {row[0]: row[1:] for row in db.fetchall("SELECT * FROM skipped")}
     summary = Summary(store=wanted)
-    writer = _Writer(db, wanted, summary)
+    seen, skipped, work = _survey(root, paths, known, left_out, last_run)
     bar = Progress(len(paths)) if progress else None
-    seen: set[str] = set()
-    skipped: dict[str, str] = {}
+    if bar:
+        bar.update(len(paths) - len(work))
+    writer = _Writer(db, wanted, summary)
     with _Pool(workers, wanted, dictionary) as pool:
         try:
-            for done, (path, outcome) in enumerate(
-                pool.prepared(root, paths, known, last_run), 1
-            ):
+            for done, (path, outcome) in enumerate(pool.prepared(root, work), len(paths) - len(work) + 1):
                 if bar:
                     bar.update(done)
-                if isinstance(outcome, str):
+                if isinstance(outcome, _LeftOut):
                     skipped[path] = outcome
-                    continue
-                seen.add(path)
-                if outcome is not None:
+                else:
+                    seen.add(path)
                     writer.write(known.get(path), outcome)
             writer.commit()
         except BaseException:
             writer.rollback()
             raise
     with db.transaction() as cursor:
-        for path, old in known.items():
-            if path not in seen:
-                chunk_store.drop_chunks(cursor, wanted, old.id)
-                cursor.execute("DELETE FROM files WHERE id = ?", (old.id,))
-                summary.removed += 1
+        for path in known.keys() - seen:
+            chunk_store.drop_chunks(cursor, wanted, known[path].id)
+            cursor.execute("DELETE FROM files WHERE id = ?", (known[path].id,))
+            summary.removed += 1
         cursor.execute("DELETE FROM skipped")
-        cursor.executemany("INSERT INTO skipped (path, reason) VALUES (?, ?)", skipped.items())
+        cursor.executemany(
+            "INSERT INTO skipped (path, reason, size, mtime_ns, inode) VALUES (?, ?, ?, ?, ?)",
+            [(path, *why) for path, why in skipped.items()],
+        )
         schema.set_meta(cursor, "last_run_ns", str(run_ns))
         schema.set_meta(cursor, "last_pass_seconds", f"{(time.time_ns() - run_ns) / 1e9:.3f}")
         if bulk:
@@ -339,24 +338,61 @@ class _Prepared(NamedTuple):
     encoded: list[tuple] | None  # None: the stored chunks still hold its text
 
 
-def _unchanged(info: os.stat_result, known: _Known | None, last_run: int) -> bool:
-    return (
-        known is not None
-        and (info.st_size, info.st_mtime_ns, info.st_ino) == (known.size, known.mtime_ns, known.inode)
-        and info.st_mtime_ns + _RACY_NS < last_run
-    )
+class _LeftOut(NamedTuple):
+    reason: str
+    size: int
+    mtime_ns: int
+    inode: int
+
+
+def _survey(
+    root: Path,
+    paths: list[str],
+    known: dict[str, _Known],
+    left_out: dict[str, tuple],
+    last_run: int,
+) -> tuple[set[str], dict[str, _LeftOut], list[tuple[str, os.stat_result, _Known | None]]]:
+    """Sort the listed files by their metadata alone: indexed and unchanged (by size,
+    mtime and inode), left out (with the reason), or to be read; a file gone since it was
+    listed is none of these.  Runs once per file of the repository, so it stays lean."""
+    seen: set[str] = set()
+    skipped: dict[str, _LeftOut] = {}
+    work: list[tuple[str, os.stat_result, _Known | None]] = []
+    prefix = os.path.join(root, "")
+    lstat, is_file, is_link = os.lstat, stat.S_ISREG, stat.S_ISLNK
+    settled = last_run - _RACY_NS
+    for path in paths:
+        try:
+            info = lstat(prefix + path)
+        except OSError:
+            continue
+        stamp = (info.st_size, info.st_mtime_ns, info.st_ino)
+        if not is_file(info.st_mode):
+            skipped[path] = _LeftOut("symlink" if is_link(info.st_mode) else "not a file", *stamp)
+            continue
+        old = known.get(path)
+        if info.st_mtime_ns < settled:
+            if old is not None and stamp == (old.size, old.mtime_ns, old.inode):
+                seen.add(path)
+                continue
+            if old is None and path in left_out and stamp == tuple(left_out[path][1:]):
+                skipped[path] = _LeftOut(*left_out[path])
+                continue
+        work.append((path, info, old))
+    return seen, skipped, work
 
 
 def _prepare(
     root: Path, path: str, info: os.stat_result, known: _Known | None, store, encoder
-) -> _Prepared | str:
-    """Read, check, chunk and encode one file; a reason (a str) when it is left out."""
+) -> _Prepared | _LeftOut:
+    """Read, check, chunk and encode one file, or say why it is left out."""
+    stamp = (info.st_size, info.st_mtime_ns, info.st_ino)
     try:
         data = read_bytes_no_follow(root / path)
     except OSError as error:
-        return "symlink" if error.errno == errno.ELOOP else "unreadable"
+        return _LeftOut("symlink" if error.errno == errno.ELOOP else "unreadable", *stamp)
     if is_binary(data):
-        return "binary"
+        return _LeftOut("binary", *stamp)
     sha1 = hashlib.sha1(data).hexdigest()
     stamp = (len(data), info.st_mtime_ns, info.st_ino)
     if known is not None and sha1 == known.sha1 and known.size >= 0:
@@ -365,7 +401,7 @@ def _prepare(
     language = language_of(path)
     chunks = code_text.code_chunks(text)
     if len(chunks) >= chunk_store.CHUNK_STRIDE:
-        return "too many lines"
+        return _LeftOut("too many lines", *stamp)
     on_disk = code_text.text_kept_on_disk(language, code_text.stored_text_bytes(text))
     encoded = [] if on_disk else chunk_store.encode_chunks(store, encoder, chunks)
     return _Prepared(path, *stamp, sha1, language, on_disk, encoded)
@@ -392,41 +428,25 @@ class _Pool:
         self.executor.shutdown(wait=True, cancel_futures=True)
 
     def prepared(
-        self, root: Path, paths: list[str], known: dict[str, _Known], last_run: int
-    ) -> Iterator[tuple[str, _Prepared | str | None]]:
-        """Each path's outcome, in order: prepared, a reason it is left out, or None when
-        it is indexed and unchanged.  A path gone since it was listed gives nothing."""
-        pending: deque[tuple[str, Any]] = deque()
+        self, root: Path, work: list[tuple[str, os.stat_result, _Known | None]]
+    ) -> Iterator[tuple[str, _Prepared | _LeftOut]]:
+        """Each file's outcome, in order: prepared, or the reason it is left out."""
+        pending: deque[tuple[str, Future]] = deque()
         ahead = self.workers * _AHEAD_PER_WORKER
-        for path in paths:
-            old = known.get(path)
-            try:
-                info = os.lstat(root / path)
-            except OSError:
-                continue
-            if stat.S_ISLNK(info.st_mode):
-                pending.append((path, "symlink"))
-            elif not stat.S_ISREG(info.st_mode):
-                pending.append((path, "not a file"))
-            elif _unchanged(info, old, last_run):
-                pending.append((path, None))
-            else:
-                pending.append((path, self.executor.submit(self._prepare, root, path, info, old)))
-            while pending and (len(pending) > ahead or not isinstance(pending[0][1], Future)):
-                yield _outcome(pending.popleft())
+        for path, info, old in work:
+            pending.append((path, self.executor.submit(self._prepare, root, path, info, old)))
+            if len(pending) > ahead:
+                path, future = pending.popleft()
+                yield path, future.result()
         while pending:
-            yield _outcome(pending.popleft())
+            path, future = pending.popleft()
+            yield path, future.result()
 
     def _prepare(self, root: Path, path: str, info: os.stat_result, known: _Known | None):
         encoder = getattr(self.local, "encoder", None)
         if encoder is None and self.store == "compressed":
             encoder = self.local.encoder = codec.Encoder(self.dictionary)
         return _prepare(root, path, info, known, self.store, encoder)
-
-
-def _outcome(item: tuple[str, Any]) -> tuple[str, _Prepared | str | None]:
-    path, value = item
-    return path, value.result() if isinstance(value, Future) else value
 
 
 class _Writer:

@@ -34,9 +34,11 @@ FILES_DDL = (
     "size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, sha1 TEXT NOT NULL, "
     "text_on_disk INTEGER NOT NULL DEFAULT 0, inode INTEGER NOT NULL DEFAULT 0)"
 )
-# What a pass left out of the index, and why (a word of ``SKIP_REASONS``).
+# What a pass left out of the index and why (a word of ``SKIP_REASONS``), with the file's
+# size, mtime and inode then, so that the next pass need not read it again.
 SKIPPED_DDL = (
-    "CREATE TABLE IF NOT EXISTS skipped (path TEXT PRIMARY KEY, reason TEXT NOT NULL)"
+    "CREATE TABLE IF NOT EXISTS skipped (path TEXT PRIMARY KEY, reason TEXT NOT NULL, "
+    "size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, inode INTEGER NOT NULL)"
 )
 SKIP_REASONS = ("binary", "symlink", "not a file", "unreadable", "too many lines")
 PASS_MARK = "pass_in_progress"
