@@ -30,11 +30,13 @@ def index_file(root: Path) -> Path:
         except OSError as error:
             raise UnsafeIndexPath(f"cannot create {directory}: {error.strerror}") from None
         _refuse_link(directory, stat.S_ISDIR)
+        _tighten(directory, 0o700)
     # Keep the index out of git's view of the work tree.
     _write_private(db_path.parent.parent / ".gitignore", b"*\n")
     for path in (db_path, *_companions(db_path)):
         if os.path.lexists(path):
             _refuse_link(path, stat.S_ISREG)
+            _tighten(path, 0o600)
     return db_path
 
 
@@ -79,6 +81,20 @@ def _refuse_link(path: Path, is_kind) -> None:
         raise UnsafeIndexPath(f"{path} is a symbolic link: the index is written only inside the repository")
     if not is_kind(info.st_mode):
         raise UnsafeIndexPath(f"{path} is not a {'directory' if is_kind is stat.S_ISDIR else 'regular file'}")
+
+
+def _tighten(path: Path, mode: int) -> None:
+    # An index made by an older velmora was readable by all.  The mode is set through a
+    # descriptor opened without following a link, so a link put in its place is refused.
+    try:
+        fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
+    except OSError as error:
+        raise UnsafeIndexPath(f"cannot open {path}: {error.strerror}") from None
+    try:
+        if stat.S_IMODE(os.fstat(fd).st_mode) != mode:
+            os.fchmod(fd, mode)
+    finally:
+        os.close(fd)
 
 
 def _write_private(path: Path, data: bytes, exclusive: bool = False) -> None:

@@ -59,6 +59,8 @@ def report(root: Path) -> str:
 
 
 def _size(n: int) -> str:
+    if n < 1000:
+        return f"{n} bytes"
     return f"{n / 1e6:.1f} MB" if n >= 100_000 else f"{n / 1e3:.1f} kB"
 
 
