@@ -25,97 +25,45 @@ FileRow = tuple[int, str, str, str | None]
 
 
 def code_chunks(text: str) -> list[tuple[int, int, str]]:
-    """The chunks of a file's text: (first line, last line, text), in line order.
-
-    Args:
-        text: The file's text.
-
-    Returns:
-        At most ``CODE_CHUNK_LINES`` lines a chunk, joined by one LF; a text without lines
-        gives the one chunk (1, 0, "").
-    """
+    """The chunks of a file's text: (first line, last line, text), in line order."""
     lines = text.splitlines()
     if not lines:
         return [(1, 0, "")]
-    return [
-        (
-            start + 1,
-            min(start + CODE_CHUNK_LINES, len(lines)),
-            "\n".join(lines[start : start + CODE_CHUNK_LINES]),
-        )
-        for start in range(0, len(lines), CODE_CHUNK_LINES)
-    ]
+    return [(start + 1, min(start + CODE_CHUNK_LINES, len(lines)), "\n".join(lines[start : start + CODE_CHUNK_LINES]))
+            for start in range(0, len(lines), CODE_CHUNK_LINES)]
 
 
 def stored_text_bytes(text: str) -> int:
-    """The UTF-8 bytes of a text as its chunks hold it: its lines joined by one LF each.
-
-    Args:
-        text: The file's text.
-
-    Returns:
-        The byte count; a lone surrogate counts one byte (it is stored as "?").
-    """
+    """The UTF-8 bytes of a text as its chunks hold it: its lines joined by one LF each."""
     return len("\n".join(text.splitlines()).encode("utf-8", errors="replace"))
 
 
 def text_kept_on_disk(language: str, text_bytes: int) -> bool:
-    """Whether the index keeps a file's text on disk rather than in its chunks.
-
-    Args:
-        language: The file's language.
-        text_bytes: The file's stored size (``stored_text_bytes`` of its text).
-
-    Returns:
-        True for a large data file: a language of ``LARGE_DATA_LANGUAGES`` over
-        ``LARGE_DATA_TEXT_BYTES``.
-    """
+    """Whether the index keeps a file's text on disk rather than in its chunks."""
     return language in LARGE_DATA_LANGUAGES and text_bytes > LARGE_DATA_TEXT_BYTES
 
 
 def file_rowids(file_id: int) -> tuple[int, int]:
-    """The row ids of a file's chunks, as a half-open range (first, end).
-
-    Args:
-        file_id: The file's id.
-
-    Returns:
-        The pair (file_id * CODE_CHUNK_STRIDE, (file_id + 1) * CODE_CHUNK_STRIDE).
-    """
+    """The row ids of a file's chunks, as a half-open range (first, end)."""
     return file_id * CODE_CHUNK_STRIDE, (file_id + 1) * CODE_CHUNK_STRIDE
 
 
 _CHUNKED_TEXT_BYTES_SQL = (
     "(SELECT coalesce(sum(length(CAST(coalesce(c.exact, c.text) AS BLOB)) + 1), 1) - 1"
-    " FROM code_chunks c WHERE c.rowid >= f.id * "
-    + str(CODE_CHUNK_STRIDE)
-    + " AND c.rowid < (f.id + 1) * "
-    + str(CODE_CHUNK_STRIDE)
-    + ")"
+    " FROM code_chunks c WHERE c.rowid >= f.id * " + str(CODE_CHUNK_STRIDE)
+    + " AND c.rowid < (f.id + 1) * " + str(CODE_CHUNK_STRIDE) + ")"
 )
 
 
 def keep_large_data_on_disk(cursor: sqlite3.Cursor) -> int:
-    """Drop the chunks of the large data files and mark their text as kept on disk.
-
-    Args:
-        cursor: A cursor of the index, inside the caller's transaction.
-
-    Returns:
-        How many files were marked; 0 for an index without ``code_chunks``.
-    """
-    probe = cursor.execute(
-        "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'code_chunks'"
-    )
+    """Drop the chunks of the large data files and mark their text as kept on disk."""
+    probe = cursor.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'code_chunks'")
     if probe.fetchone() is None:
         return 0
     placeholders = ",".join("?" for _ in LARGE_DATA_LANGUAGES)
     rows = cursor.execute(
-        "SELECT f.id, f.language, "
-        + _CHUNKED_TEXT_BYTES_SQL
-        + " FROM files f WHERE f.text_on_disk = 0 AND f.language IN ("
-        + placeholders
-        + ")",
+        "SELECT f.id, f.language, " + _CHUNKED_TEXT_BYTES_SQL
+        + " FROM files f WHERE f.text_on_disk = 0 AND f.language IN (" + placeholders + ")",
         sorted(LARGE_DATA_LANGUAGES),
     ).fetchall()
     marked = []
@@ -125,9 +73,7 @@ def keep_large_data_on_disk(cursor: sqlite3.Cursor) -> int:
             marked.append(file_id)
     for file_id in marked:
         cursor.execute("DELETE FROM code_chunks WHERE rowid >= ? AND rowid < ?", file_rowids(file_id))
-    cursor.executemany(
-        "UPDATE files SET text_on_disk = 1 WHERE id = ?", [(file_id,) for file_id in marked]
-    )
+    cursor.executemany("UPDATE files SET text_on_disk = 1 WHERE id = ?", [(file_id,) for file_id in marked])
     return len(marked)
 
 
@@ -142,14 +88,7 @@ def _file_text(path: Path) -> str | None:
 
 
 def _lines_holding(path: Path, needle: str | None, case_sensitive: bool) -> list[str] | None:
-    """The lines of a file; None when it cannot be read or does not hold ``needle``.
-
-    Args:
-        path: The file.
-        needle: The text a plain search looks for (lower-case when the search ignores case);
-            None for a regex, which is matched line by line only.
-        case_sensitive: Whether ``needle`` keeps its case.
-    """
+    """The lines of a file; None when it cannot be read or does not hold ``needle``."""
     content = _file_text(path)
     if content is None:
         return None
@@ -160,17 +99,9 @@ def _lines_holding(path: Path, needle: str | None, case_sensitive: bool) -> list
     return content.splitlines()
 
 
-def line_matches(
-    lines: list[str], needle: str, pattern: re.Pattern[str] | None, case_sensitive: bool
-) -> Iterator[tuple[int, int]]:
-    """The line number and column of the first match on each line that matches.
-
-    Args:
-        lines: The lines of a file.
-        needle: The text a plain search looks for (lower-case when the search ignores case).
-        pattern: The compiled regex of a regex search (``needle`` is then not used), or None.
-        case_sensitive: Whether ``needle`` keeps its case.
-    """
+def line_matches(lines: list[str], needle: str, pattern: re.Pattern[str] | None,
+                 case_sensitive: bool) -> Iterator[tuple[int, int]]:
+    """The line number and column of the first match on each line that matches."""
     for number, line in enumerate(lines, 1):
         if pattern is not None:
             found = pattern.search(line)
@@ -182,28 +113,14 @@ def line_matches(
 
 
 def context(lines: list[str], first: int, last: int, start: int = 1) -> list[dict[str, Any]]:
-    """Lines ``first`` to ``last`` (1-based, clipped to ``lines``), each with its number.
-
-    Args:
-        lines: Lines of a file in a row: the whole file, or a chunk of it.
-        first: The first line wanted.
-        last: The last line wanted.
-        start: The number of the first of ``lines`` (1 for the whole file).
-    """
+    """Lines ``first`` to ``last`` (1-based, clipped to ``lines``), each with its number."""
     low = max(first, start)
     high = min(last, start + len(lines) - 1)
     return [{"line": number, "content": lines[number - start]} for number in range(low, high + 1)]
 
 
 def _chunk_lines(start_line: int, end_line: int, text: str) -> list[str]:
-    """The lines of one stored chunk: its text split at each LF.
-
-    Args:
-        start_line: The chunk's first line.
-        end_line: The chunk's last line; below ``start_line`` for the chunk of a text without
-            lines, which has none.
-        text: The chunk's stored text.
-    """
+    """The lines of one stored chunk: its text split at each LF."""
     if end_line >= start_line:
         return text.split("\n")
     return []
@@ -252,14 +169,8 @@ class ChunkText:
     """The text of the files from the chunks of the index that may hold a match, and from disk
     for the files whose text the index keeps there."""
 
-    def __init__(
-        self,
-        db: Database,
-        store: Layout,
-        candidates: dict[int, list[Segment]],
-        disk: DiskText,
-        on_disk: Collection[int],
-    ) -> None:
+    def __init__(self, db: Database, store: Layout, candidates: dict[int, list[Segment]], disk: DiskText,
+                 on_disk: Collection[int]) -> None:
         self._db = db
         self._store = store
         self._candidates = candidates
@@ -282,11 +193,8 @@ class ChunkText:
             if self._store == "compressed":
                 rows = chunk_store.file_rows(self._db, first, end)
             else:
-                rows = self._db.fetchall(
-                    "SELECT start_line, end_line, coalesce(exact, text) FROM code_chunks"
-                    " WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
-                    (first, end),
-                )
+                rows = self._db.fetchall("SELECT start_line, end_line, coalesce(exact, text) FROM code_chunks"
+                                         " WHERE rowid >= ? AND rowid < ? ORDER BY rowid", (first, end))
             lines: list[str] = []
             for row in rows:
                 lines.extend(_chunk_lines(row[0], row[1], row[2]))
@@ -294,39 +202,17 @@ class ChunkText:
         return self._read[1]
 
 
-def text_source(
-    db: Database,
-    files: Sequence[FileRow],
-    needle: str | None,
-    case_sensitive: bool,
-    *,
-    store: Layout | None,
-) -> tuple[ChunkText | DiskText, str | None]:
-    """Where a text search reads the files: their chunks in the index, or the disk.
-
-    Args:
-        db: The index database.
-        files: The files searched.
-        needle: The text a plain search looks for (lower-case when the search ignores case);
-            None for a regex.
-        case_sensitive: Whether ``needle`` keeps its case.
-        store: The layout of the index's chunks, as ``chunk_store.layout`` gives it; None when
-            the index has none.
-
-    Returns:
-        The text, and why every file is read from disk (None when the index answers).
-    """
+def text_source(db: Database, files: Sequence[FileRow], needle: str | None, case_sensitive: bool, *,
+                store: Layout | None) -> tuple[ChunkText | DiskText, str | None]:
+    """Where a text search reads the files: their chunks in the index, or the disk."""
     # The index lives two directories below the repository root.
     disk = DiskText(db.db_path.parent.parent.parent, needle, case_sensitive)
     if store is None:
         return disk, "read from the files on disk: this index has no table of the files' text"
     unchunked, on_disk = _chunk_state(db, store)
     if unchunked != 0:
-        return disk, (
-            "read from the files on disk: "
-            + str(unchunked)
-            + " indexed file(s) have no chunks yet (the next index pass parses them)"
-        )
+        return disk, ("read from the files on disk: " + str(unchunked)
+                      + " indexed file(s) have no chunks yet (the next index pass parses them)")
     candidates = _candidate_chunks(db, store, files, needle, case_sensitive)
     return ChunkText(db, store, candidates, disk, on_disk), None
 
@@ -342,11 +228,7 @@ def _chunk_state(db: Database, store: Layout) -> tuple[int, frozenset[int]]:
     # A file has chunks exactly when its first chunk exists: one key lookup per file.
     row = db.fetchone(
         "SELECT (SELECT COUNT(*) FROM files f WHERE f.text_on_disk = 0 AND NOT EXISTS (SELECT 1 FROM "
-        + table
-        + " c WHERE c."
-        + key
-        + " = f.id * "
-        + str(CODE_CHUNK_STRIDE)
+        + table + " c WHERE c." + key + " = f.id * " + str(CODE_CHUNK_STRIDE)
         + ")), (SELECT group_concat(id) FROM files WHERE text_on_disk = 1)"
     )
     if row is None:
@@ -356,37 +238,11 @@ def _chunk_state(db: Database, store: Layout) -> tuple[int, frozenset[int]]:
     return unchunked, frozenset(int(piece) for piece in ids.split(",") if piece)
 
 
-def _candidate_chunks(
-    db: Database,
-    store: Layout,
-    files: Sequence[FileRow],
-    needle: str | None,
-    case_sensitive: bool,
-) -> dict[int, list[Segment]]:
-    """The chunks of the searched files that may hold a match, per file, by line.
-
-    A plain needle is looked up in the index's trigram index, unless the index cannot answer
-    for it: a regex reads every chunk of the searched files; so does a needle holding a NUL
-    (the index holds a NUL as a space), and a needle of a search that ignores case with a
-    character beyond ASCII (``LIKE`` folds the case of ASCII letters only). The one miss: a
-    search that ignores case for an ASCII needle does not find it where only a letter beyond
-    ASCII lower-cases to it (the Kelvin sign to "k", a capital I with a dot above to "i").
-
-    Args:
-        db: The index database.
-        store: The layout of the index's chunks.
-        files: The files searched.
-        needle: The text a plain search looks for (lower-case when the search ignores case);
-            None for a regex.
-        case_sensitive: Whether ``needle`` keeps its case.
-
-    Returns:
-        The candidate chunks of each file that has any, as segments in line order.
-    """
+def _candidate_chunks(db: Database, store: Layout, files: Sequence[FileRow], needle: str | None,
+                      case_sensitive: bool) -> dict[int, list[Segment]]:
+    """The chunks of the searched files that may hold a match, per file, by line."""
     searched = {row[0] for row in files}
-    narrows = (
-        needle is not None and "\x00" not in needle and (case_sensitive or needle.isascii())
-    )
+    narrows = needle is not None and "\x00" not in needle and (case_sensitive or needle.isascii())
     if store == "compressed":
         match = chunk_store.trigram_query(needle) if narrows else None
         rows = chunk_store.matching_rows(db, match, searched)
@@ -412,7 +268,5 @@ def _candidate_chunks(
         lines = _chunk_lines(int(start_line), int(end_line), str(text))
         segment = Segment(int(start_line), lines, bool(last))
         found.setdefault(file_id, []).append((int(rowid), segment))
-    return {
-        file_id: [segment for _, segment in sorted(pairs, key=lambda pair: pair[0])]
-        for file_id, pairs in found.items()
-    }
+    return {file_id: [segment for _, segment in sorted(pairs, key=lambda pair: pair[0])]
+            for file_id, pairs in found.items()}

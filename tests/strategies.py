@@ -32,9 +32,7 @@ _surrogate = st.integers(0xD800, 0xDFFF).map(chr)
 
 def line_chars(*, surrogates: bool = True) -> st.SearchStrategy[str]:
     """One code point that is not a line boundary."""
-    parts = [_ascii, _ascii, _ascii, st.sampled_from(SPECIAL), _latin1, _bmp, _astral]
-    if surrogates:
-        parts.append(_surrogate)
+    parts = [_ascii, _ascii, _ascii, st.sampled_from(SPECIAL), _latin1, _bmp, _astral] + [_surrogate] * surrogates
     return st.one_of(*parts).filter(lambda c: len(("x" + c + "x").splitlines()) == 1)
 
 

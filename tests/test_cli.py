@@ -283,30 +283,6 @@ def test_walk_without_git_honours_gitignore(tmp_path):
     ]
 
 
-def test_progress_bar_only_on_a_terminal(tmp_path):
-    class Terminal:
-        def __init__(self, tty):
-            self.tty, self.text = tty, ""
-
-        def isatty(self):
-            return self.tty
-
-        def write(self, text):
-            self.text += text
-
-        def flush(self):
-            pass
-
-    for tty in (True, False):
-        stream = Terminal(tty)
-        bar = indexer.Progress(4, stream)
-        bar.update(2, force=True)
-        bar.close()
-        shown = "\rindexing [###############...............] 2/4 files" \
-            "\rindexing [##############################] 4/4 files\n"
-        assert stream.text == (shown if tty else "")
-
-
 def test_the_command_runs_as_a_program(repo):
     done = subprocess.run(
         [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle"],

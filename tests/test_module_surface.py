@@ -1,4 +1,4 @@
-"""What the host sees of the module: names and their order, records, signatures, stub."""
+"""What the host sees of the module: names and their order, constants, records, signatures, stub."""
 
 from __future__ import annotations
 
@@ -6,7 +6,6 @@ import inspect
 import os
 import subprocess
 import sys
-import textwrap
 
 import pytest
 
@@ -35,16 +34,14 @@ def test_names_appear_in_load_order() -> None:
 def test_constants() -> None:
     assert native.CODE_CHUNK_STRIDE == chunk_store.CHUNK_STRIDE
     assert native.CODE_CHUNKS_DDL is chunk_store.CODE_CHUNKS_DDL
-    assert native.LARGE_DATA_LANGUAGES == frozenset({"json"})
     assert type(native.LARGE_DATA_LANGUAGES) is frozenset
-    assert (native.CODE_CHUNK_LINES, native.LARGE_DATA_TEXT_BYTES) == (64, 32768)
-    assert native._CHUNKED_TEXT_BYTES_SQL == model._CHUNKED_TEXT_BYTES_SQL
-    assert native.FileRow == model.FileRow
-    assert native.__doc__ == model.__doc__
+    for name in ("LARGE_DATA_LANGUAGES", "CODE_CHUNK_LINES", "LARGE_DATA_TEXT_BYTES", "_CHUNKED_TEXT_BYTES_SQL",
+                 "FileRow", "__doc__"):
+        assert getattr(native, name) == getattr(model, name), name
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)
-def test_signatures_and_docstrings_match_the_model(name: str) -> None:
+def test_signatures_match_the_model(name: str) -> None:
     got, want = getattr(native, name), getattr(model, name)
     signature = inspect.signature(want)
     plain = signature.replace(
@@ -52,48 +49,17 @@ def test_signatures_and_docstrings_match_the_model(name: str) -> None:
         return_annotation=signature.empty,
     )
     assert inspect.signature(got) == plain
-    assert got.__doc__ == want.__doc__
 
 
 def test_segment_is_a_named_tuple() -> None:
-    Segment = native.Segment
-    segment = Segment(1, ["a"], True)
-    assert segment == Segment(first=1, lines=["a"], last=True) == (1, ["a"], True)
-    first, lines, last = segment
-    assert (first, lines, last) == (segment.first, segment.lines, segment.last)
-    assert Segment._fields == ("first", "lines", "last")
-    assert Segment.__doc__ == "Lines of a file in a row, where a text search looks for matches."
-    assert Segment.__module__ == "velmora.storage.code_text"
-    with pytest.raises(TypeError):
-        Segment(1, ["a"])
+    segment = native.Segment(1, ["a"], True)
+    assert segment == native.Segment(first=1, lines=["a"], last=True) == (1, ["a"], True)
+    assert (segment.first, segment.lines, segment.last) == tuple(segment)
+    for name in ("_fields", "__doc__"):
+        assert getattr(native.Segment, name) == getattr(model.Segment, name)
+    assert native.Segment.__module__ == "velmora.storage.code_text"
     with pytest.raises(AttributeError):
-        segment.first = 2
-
-
-@pytest.mark.parametrize(
-    ("breakage", "error"),
-    [
-        ("del chunk_store.CHUNK_STRIDE", "AttributeError: module 'velmora.storage.chunk_store' has no attribute 'CHUNK_STRIDE'"),
-        ("del chunk_store.layout", "ImportError: cannot import name 'layout' from 'velmora.storage.chunk_store'"),
-        ("del fsio.read_bytes_no_follow", "ImportError: cannot import name 'read_bytes_no_follow' from 'velmora.utils.fsio'"),
-        ("chunk_store.CHUNK_STRIDE = 0", "TypeError: chunk_store.CHUNK_STRIDE must be a positive int"),
-        ("sys.modules['velmora.utils.fsio'] = None", "ModuleNotFoundError"),
-    ],
-)
-def test_a_broken_sibling_fails_the_import(breakage: str, error: str) -> None:
-    script = textwrap.dedent(
-        f"""
-        import sys
-        from velmora.storage import chunk_store
-        from velmora.utils import fsio
-        {breakage}
-        import velmora.storage.code_text
-        """
-    )
-    env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
-    result = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, env=env)
-    assert result.returncode == 1
-    assert error in result.stderr
+        segment.first = 2  # type: ignore[misc]
 
 
 def test_stub_matches_the_module() -> None:
