@@ -84,9 +84,11 @@ def test_a_failed_migration_leaves_the_old_index_as_it_was(tmp_path, capsys):
     with con:
         con.execute("CREATE TRIGGER refuse BEFORE UPDATE ON files BEGIN SELECT RAISE(ABORT, 'disk full'); END")
 
-    assert cli.main(["search", "code", "needle", str(tmp_path)]) == 1
+    assert cli.main(["search", "code", "needle", str(tmp_path)]) == 2
     out, err = capsys.readouterr()
-    assert out == "" and err == "velmora: index error: disk full\n"
+    assert out == "" and err == (
+        "velmora: error: the index could not be updated (disk full); it is left as it was\n"
+    )
     assert state(con) == before
 
     with con:

@@ -13,16 +13,31 @@
 from __future__ import annotations
 
 import os
+import zlib
 from collections.abc import Iterator, Sequence
 from pathlib import Path
 from types import TracebackType
 
 from velmora import file_types, schema
+from velmora import refresh as freshness
 from velmora.db import Database
-from velmora.search import Hit, Query, search, select_files
+from velmora.search import Hit, Query, matching_globs, search, select_files
 from velmora.storage import chunk_store, code_text
+from velmora.utils.fsio import is_plain_relative
 
 __all__ = ["Hit", "Query", "Repository", "RepositoryError", "find_root"]
+
+# What a value of the wrong type or shape in a tampered index raises as it is read.
+_DAMAGE = (zlib.error, UnicodeError, TypeError, ValueError, OverflowError)
+
+# The index's paths that fsio.is_plain_relative refuses, found by SQLite: a check in
+# Python would cost a call per indexed file on every search.
+_UNSAFE_PATH_SQL = (
+    "SELECT path FROM files WHERE typeof(path) != 'text' OR path = '' OR path GLOB '/*' "
+    "OR instr(path, char(0)) OR instr(path, '\\') "
+    "OR '/' || path || '/' GLOB '*/[.]/*' OR '/' || path || '/' GLOB '*/[.][.]/*' "
+    "OR '/' || path || '/' GLOB '*//*' LIMIT 1"
+)
 
 # What marks a repository's top directory, as git finds its own.
 _ROOT_MARKERS = (".velmora", ".git")
@@ -48,16 +63,6 @@ def find_root(path: str | os.PathLike[str] = ".") -> Path:
         if any(os.path.lexists(directory / marker) for marker in _ROOT_MARKERS):
             return directory
     return start
-
-
-def safe_index_path(path: object) -> bool:
-    """Whether a path read from the index stays inside the repository: relative, with
-    "/" separators, no "." or ".." component and no NUL."""
-    if not isinstance(path, str) or not path or "\0" in path or "\\" in path:
-        return False
-    return not path.startswith("/") and all(
-        part not in ("", ".", "..") for part in path.split("/")
-    )
 
 
 class Repository:
@@ -106,41 +111,87 @@ class Repository:
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
         changed since the index was written are taken as they are now.
         """
+        try:
+            files, from_disk, stale = self._files(globs, paths, types, refresh)
+            results, reason = search(
+                self._db, query, files, before=before, after=after, max_count=max_count,
+                from_disk=from_disk,
+            )
+        except _DAMAGE as error:
+            raise self._damaged(error) from None
+        return self._guarded(results), "; ".join(filter(None, (stale, reason))) or None
+
+    def _files(
+        self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool
+    ) -> tuple[list[code_text.FileRow], set[int], str | None]:
+        """The files to search, those of them to read from disk, and why."""
+        files = select_files(self._db)
+        from_disk: set[int] = set()
+        stale = None
         if refresh:
-            self.refresh()
-        files = self._selected(globs, paths, types)
-        return search(
-            self._db, query, files, before=before, after=after, max_count=max_count
-        )
+            files, from_disk, stale = self._fresh(files)
+        unsafe = self._db.fetchall(_UNSAFE_PATH_SQL)
+        if unsafe:
+            raise self._damaged(f"it holds the path {unsafe[0][0]!r}")
+        return _limited(files, globs, paths, types), from_disk, stale
 
     def files(
         self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
     ) -> list[tuple[str, int]]:
         """The indexed files that a search with these limits reads, as (path, size)."""
         size = dict(self._db.fetchall("SELECT id, size FROM files"))
-        return [(row[1], size[row[0]]) for row in self._selected(globs, paths, types)]
+        rows = _limited(select_files(self._db), globs, paths, types)
+        return [(row[1], size[row[0]]) for row in rows]
 
-    def _selected(
-        self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str]
-    ) -> list[code_text.FileRow]:
-        files = select_files(self._db, globs)
-        if paths:
-            files = [row for row in files if _under(row[1], paths)]
-        of_type = file_types.matcher(types)
-        if of_type is not None:
-            files = [row for row in files if of_type(row[1])]
-        return files
+    def _guarded(
+        self, results: Iterator[tuple[str, list[Hit]]]
+    ) -> Iterator[tuple[str, list[Hit]]]:
+        try:
+            yield from results
+        except _DAMAGE as error:
+            raise self._damaged(error) from None
 
-    def refresh(self) -> None:
-        """Bring the index up to date with the files as they are now."""
-        from velmora import indexer
+    def _damaged(self, why: object) -> RepositoryError:
+        return RepositoryError(
+            f"{self._db.db_path}: the index is damaged ({why}); run `velmora index --rebuild`"
+        )
 
-        indexer.index(self.root, progress=False)
+    def _fresh(
+        self, files: list[code_text.FileRow]
+    ) -> tuple[list[code_text.FileRow], set[int], str | None]:
+        """The files to search as the tree is now, those to read from disk, and why."""
+        changes = freshness.check(self._db, self.root)
+        # While another pass writes the index (or after one was interrupted), it is left
+        # to that pass.
+        problem: str | None = None
+        if schema.get_meta(self._db, schema.PASS_MARK):
+            problem = "an index pass is running or was interrupted (`velmora index` finishes it)"
+        if not changes:
+            if problem is None:
+                freshness.record_listing(self._db.db_path, changes)
+            return files, set(), None
+        if problem is None:
+            problem = freshness.update(self._db.db_path, self.root, changes)
+        if problem is None:
+            return select_files(self._db), set(), None
+        readable = freshness.text_files(self.root, [*changes.changed.values(), *changes.added])
+        changed = {i for i, path in changes.changed.items() if path in readable}
+        gone = changes.removed | changes.changed.keys() - changed
+        added = [path for path in changes.added if path in readable]
+        # Files the index does not hold get ids no indexed file has.
+        files = [row for row in files if row[0] not in gone] + [
+            (-1 - number, path, "text", None) for number, path in enumerate(added)
+        ]
+        files.sort(key=lambda row: row[1])
+        from_disk = changed | {-1 - number for number in range(len(added))}
+        changed_count = len(changes.changed) + len(changes.removed) + len(changes.added)
+        note = f"{changed_count} file(s) changed since the index was written, taken from disk: "
+        return files, from_disk, note + problem
 
     def indexed_text(self, path: str) -> str:
         """The text of an indexed file, its lines joined by "\\n"; a ``KeyError`` for a path
         the index does not hold. The path is looked up in the index, never opened as given."""
-        if not safe_index_path(path):
+        if not is_plain_relative(path):
             raise KeyError(path)
         rows = self._db.fetchall(
             "SELECT id, path, language, NULL FROM files WHERE path = ?", (path,)
@@ -166,6 +217,21 @@ class Repository:
         traceback: TracebackType | None,
     ) -> None:
         self.close()
+
+
+def _limited(
+    files: list[code_text.FileRow],
+    globs: Sequence[str],
+    paths: Sequence[str],
+    types: Sequence[str],
+) -> list[code_text.FileRow]:
+    files = matching_globs(files, globs)
+    if paths:
+        files = [row for row in files if _under(row[1], paths)]
+    of_type = file_types.matcher(types)
+    if of_type is not None:
+        files = [row for row in files if of_type(row[1])]
+    return files
 
 
 def _under(path: str, limits: Sequence[str]) -> bool:

@@ -33,23 +33,9 @@ def main(argv: Sequence[str] | None = None) -> int:
     except (UsageError, QueryError, RepositoryError, schema.SchemaError) as error:
         print(f"velmora: error: {error}", file=sys.stderr)
         return 2
-    except sqlite3.OperationalError as error:
-        if "locked" in str(error) or "busy" in str(error):
-            print(f"velmora: error: another process is writing the index ({error}); "
-                  "try again when it is done", file=sys.stderr)
-            return 2
-        print(f"velmora: index error: {error}", file=sys.stderr)
-        return 1
-    except sqlite3.DatabaseError as error:
-        if isinstance(error, sqlite3.IntegrityError):
-            print(f"velmora: index error: {error}", file=sys.stderr)
-            return 1
-        print(f"velmora: error: the index is damaged ({error}); run `velmora index --rebuild`",
-              file=sys.stderr)
-        return 2
     except sqlite3.Error as error:
-        print(f"velmora: index error: {error}", file=sys.stderr)
-        return 1
+        print(f"velmora: error: {_index_problem(error)}", file=sys.stderr)
+        return 2
     except KeyboardInterrupt:
         print("velmora: interrupted", file=sys.stderr)
         return 130
@@ -60,6 +46,17 @@ def main(argv: Sequence[str] | None = None) -> int:
         return 0
     finally:
         gc.enable()
+
+
+def _index_problem(error: sqlite3.Error) -> str:
+    text = str(error)
+    if "locked" in text or "busy" in text:
+        return f"another process is writing the index ({text}); try again when it is done"
+    if isinstance(error, sqlite3.OperationalError):
+        return f"the index cannot be read or written ({text})"
+    if isinstance(error, sqlite3.IntegrityError):
+        return f"the index could not be updated ({text}); it is left as it was"
+    return f"the index is damaged ({text}); run `velmora index --rebuild`"
 
 
 def _parser() -> argparse.ArgumentParser:
@@ -134,6 +131,8 @@ def _search_code_options(code: argparse.ArgumentParser) -> None:
                       help="at most N matching lines per file")
     code.add_argument("--stats", action="store_true",
                       help="print what the search found and did, on standard error")
+    code.add_argument("--no-refresh", dest="refresh", action="store_false",
+                      help="search the index as it is, without taking in files changed since")
     code.add_argument("--color", choices=("auto", "always", "never"), default="auto",
                       help="highlight paths, line numbers and matches (auto: on a terminal)")
     code.set_defaults(run=_search)
@@ -239,7 +238,7 @@ def _search(args: argparse.Namespace) -> int:
     with Repository.open(root, create=False) as repo:
         results, reason = repo.search(
             query, globs=args.glob, paths=under, types=types, before=args.before,
-            after=args.after, max_count=args.max_count, refresh=False,
+            after=args.after, max_count=args.max_count, refresh=args.refresh,
         )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)

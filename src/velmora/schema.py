@@ -8,6 +8,7 @@ The ``meta`` table's keys:
   its first batch and deleted in its last transaction.  While it is there the index may
   hold some files' old text, or none of it, and a search must not trust it alone.
 - ``last_pass_seconds``: how long the last complete pass took.
+- ``listed_dirs``: the freshness check's record of the tree's directories (``refresh``).
 """
 
 from __future__ import annotations

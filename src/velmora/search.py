@@ -3,12 +3,15 @@
 from __future__ import annotations
 
 import re
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Collection, Iterable, Iterator, Sequence
 from itertools import islice
-from typing import NamedTuple
+from typing import TYPE_CHECKING, NamedTuple
 
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
+
+if TYPE_CHECKING:
+    from velmora.refresh import DiskOverlay
 
 
 class QueryError(ValueError):
@@ -83,6 +86,13 @@ class Hit(NamedTuple):
 def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
     """The indexed files, by path, that match the globs ("!" before a glob excludes)."""
     rows = db.fetchall("SELECT id, path, language, NULL FROM files ORDER BY path")
+    return matching_globs(rows, globs)
+
+
+def matching_globs(
+    rows: list[code_text.FileRow], globs: Sequence[str]
+) -> list[code_text.FileRow]:
+    """The rows whose path matches the globs ("!" before a glob excludes)."""
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
     if globs:
@@ -105,11 +115,24 @@ def search(
     before: int = 0,
     after: int = 0,
     max_count: int | None = None,
+    from_disk: Collection[int] = frozenset(),
 ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
-    """The matches file by file, and why the files are read from disk (None if they aren't)."""
+    """The matches file by file, and why the files are read from disk (None if they aren't).
+
+    The files whose ids are in ``from_disk`` are read from disk whatever the index holds
+    (files changed since it was written).
+    """
+    source: code_text.ChunkText | code_text.DiskText | DiskOverlay
     source, reason = code_text.text_source(
         db, files, query.needle, query.case_sensitive, store=chunk_store.layout(db)
     )
+    if from_disk:
+        from velmora.refresh import DiskOverlay
+
+        # Rooted where text_source roots its own: the index file's third parent.
+        root = db.db_path.parents[2]
+        disk = code_text.DiskText(root, query.needle, query.case_sensitive)
+        source = DiskOverlay(source, disk, from_disk)
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
         segments_of = source.segments

@@ -1,0 +1,184 @@
+"""The freshness check: which files were added, changed or removed since the index was written.
+
+A search runs it first, then either brings the index up to date (the indexer, incrementally)
+or, when the index cannot be written, reads the files it found from disk for that search.
+The check is stat-only: each indexed file's size, mtime and inode against its row, and each
+listed directory's mtime (a file added, removed or renamed touches its directory), so the
+tree is listed again only when a directory changed.
+"""
+
+from __future__ import annotations
+
+import os
+import sqlite3
+import stat
+import time
+from collections.abc import Collection
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from velmora import schema
+from velmora.db import Database
+from velmora.storage import code_text
+from velmora.utils.fsio import is_plain_relative, read_bytes_no_follow
+
+# As the indexer's margin: a file or directory modified this close to the moment it was
+# looked at may have changed again within the same clock tick, so its stat proves nothing.
+_RACY_NS = 2_000_000_000
+
+# Meta key: the directories of the last listing of the tree, one per line after the time
+# the listing began. While none of them changed, no file was added or removed.
+LISTED_DIRS = "listed_dirs"
+
+
+@dataclass
+class Changes:
+    """What differs between the index and the tree."""
+
+    changed: dict[int, str] = field(default_factory=dict)  # file id -> path, text differs
+    removed: set[int] = field(default_factory=set)  # file ids no longer in the tree
+    added: list[str] = field(default_factory=list)  # paths the index does not hold
+    listed: tuple[int, list[str]] | None = None  # a fresh listing: its start, its directories
+
+    def __bool__(self) -> bool:
+        return bool(self.changed or self.removed or self.added)
+
+
+def check(db: Database, root: Path) -> Changes:
+    """Compare the index with the tree at ``root`` by stat alone."""
+    rows = db.fetchall("SELECT id, path, size, mtime_ns, inode FROM files")
+    last_run = _int(schema.get_meta(db, "last_run_ns"))
+    changes = Changes()
+    prefix = f"{root}/"
+    racy_from = last_run - _RACY_NS
+    lstat, regular = os.lstat, stat.S_ISREG
+    # Runs once per indexed file on every search: kept to one lstat and a few comparisons.
+    # A path that is not plain (tampered) is only stat-ed here, never read.
+    for file_id, path, size, mtime_ns, ino in rows:
+        try:
+            info = lstat(prefix + path)
+        except (OSError, ValueError, TypeError):
+            changes.removed.add(file_id)
+            continue
+        if not regular(info.st_mode):
+            changes.removed.add(file_id)
+        elif (
+            info.st_mtime_ns != mtime_ns
+            or info.st_size != size
+            or mtime_ns >= racy_from
+            or info.st_ino != ino
+        ):
+            changes.changed[file_id] = path
+    if changes or _directories_changed(db, root):
+        _list(changes, db, root, {path: file_id for file_id, path, *_ in rows})
+    return changes
+
+
+def _directories_changed(db: Database, root: Path) -> bool:
+    recorded = schema.get_meta(db, LISTED_DIRS)
+    if not recorded:
+        return True
+    listed_at, *directories = recorded.split("\n")
+    since = _int(listed_at) - _RACY_NS
+    prefix = f"{root}/"
+    for directory in directories:
+        try:
+            if os.lstat(prefix + directory if directory else root).st_mtime_ns >= since:
+                return True
+        except OSError:
+            return True
+    return False
+
+
+def _list(changes: Changes, db: Database, root: Path, indexed: dict[str, int]) -> None:
+    # Imported here: listing is needed only when something changed.
+    from velmora import indexer
+
+    started = time.time_ns()
+    listed = indexer.list_files(root)
+    present = set(listed)
+    # What the last pass left out (binary files, say) is no addition; one rewritten in
+    # place since is seen at the next pass.
+    left_out = {path for (path,) in db.fetchall("SELECT path FROM skipped")}
+    changes.added = [path for path in listed if path not in indexed and path not in left_out]
+    changes.listed = (started, sorted({os.path.dirname(path) for path in listed} | {""}))
+    # A file the index holds but the tree no longer lists (now ignored, say) is gone too.
+    changes.removed |= {file_id for path, file_id in indexed.items() if path not in present}
+    for file_id in changes.removed:
+        changes.changed.pop(file_id, None)
+
+
+def update(db_path: Path, root: Path, changes: Changes) -> str | None:
+    """Bring the index up to date; None when done, else why it could not be written."""
+    from velmora import indexer
+
+    try:
+        indexer.index(root, progress=False)
+        if changes.listed is not None:
+            _record_listing(db_path, *changes.listed)
+    except (sqlite3.Error, OSError) as error:
+        return f"the index cannot be written ({error})"
+    return None
+
+
+def record_listing(db_path: Path, changes: Changes) -> None:
+    """Keep a fresh listing's directories, so that the next check can skip listing."""
+    if changes.listed is None or changes:
+        return
+    try:
+        _record_listing(db_path, *changes.listed)
+    except (sqlite3.Error, OSError):
+        pass  # only a saving: the next check lists the tree again
+
+
+def _record_listing(db_path: Path, started: int, directories: list[str]) -> None:
+    # No waiting: a writer holding the index records a listing of its own soon enough.
+    connection = sqlite3.connect(db_path, timeout=0)
+    try:
+        with connection:
+            schema.set_meta(
+                connection.cursor(), LISTED_DIRS, "\n".join([str(started), *directories])
+            )
+    finally:
+        connection.close()
+
+
+def text_files(root: Path, paths: Collection[str]) -> set[str]:
+    """Those of ``paths`` that the indexer would index: regular text files."""
+    from velmora import indexer
+
+    kept = set()
+    for path in filter(is_plain_relative, paths):
+        try:
+            data = read_bytes_no_follow(root / path)
+        except (OSError, ValueError):
+            continue
+        if not indexer.is_binary(data):
+            kept.add(path)
+    return kept
+
+
+class DiskOverlay:
+    """A text source that reads some files from disk and every other one from ``source``."""
+
+    def __init__(self, source, disk: code_text.DiskText, from_disk: Collection[int]) -> None:
+        self._source = source
+        self._disk = disk
+        self._from_disk = from_disk
+
+    def segments(self, file_id: int, path: str) -> list[code_text.Segment]:
+        if file_id in self._from_disk:
+            return self._disk.segments(file_id, path)
+        return self._source.segments(file_id, path)
+
+    def lines(self, file_id: int, path: str) -> list[str]:
+        if file_id in self._from_disk:
+            return self._disk.lines(file_id, path)
+        return self._source.lines(file_id, path)
+
+
+def _int(text: str | None) -> int:
+    try:
+        return int(text or 0)
+    except ValueError:
+        return 0

@@ -1,0 +1,108 @@
+"""A search answers for the tree as it is now, whatever was edited after indexing."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import sqlite3
+import subprocess
+import tempfile
+import time
+from itertools import count
+from pathlib import Path
+
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+from velmora import cli, schema
+
+NAMES = ["a.txt", "b.py", "sub/c.md", "sub/deep/d.txt", "e.json"]
+LINES = st.lists(st.sampled_from(["needle", "a needle here", "hay", "nee dle", "NEEDLE", ""]),
+                 max_size=4)
+EDITS = st.lists(st.one_of(
+    st.tuples(st.just("write"), st.sampled_from(NAMES), LINES),
+    st.tuples(st.just("delete"), st.sampled_from(NAMES), st.none()),
+    st.tuples(st.just("binary"), st.sampled_from(NAMES), st.none()),
+    st.tuples(st.just("ignore"), st.sampled_from(NAMES), st.none()),
+), max_size=6)
+
+
+def plain_scan(root: Path, needle: str) -> list[str]:
+    """grep over the files git lists, text files only, lines as str.splitlines counts them."""
+    listed = subprocess.run(
+        ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+        cwd=root, capture_output=True, check=True,
+    ).stdout.decode().split("\0")
+    found = []
+    for path in sorted(p for p in listed if p and os.path.isfile(root / p)):
+        data = (root / path).read_bytes()
+        if b"\0" in data:
+            continue
+        for number, line in enumerate(data.decode().splitlines(), 1):
+            if needle in line:
+                found.append(f"{path}:{number}:{line.index(needle) + 1}:{line}")
+    return found
+
+
+def search(root: Path, *argv: str) -> tuple[list[str], str]:
+    with contextlib.redirect_stdout(out := _Text()), contextlib.redirect_stderr(err := _Text()):
+        with contextlib.chdir(root):
+            cli.main(["search", "code", "--color", "never", *argv])
+    return out.getvalue().splitlines(), err.getvalue()
+
+
+class _Text(__import__("io").StringIO):
+    def isatty(self) -> bool:
+        return False
+
+
+@pytest.mark.parametrize("layout", ["code_chunks", "compressed"])
+@settings(deadline=None, max_examples=25,
+          suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
+@given(edits=EDITS, old_mtimes=st.booleans(), index_busy=st.booleans())
+def test_search_equals_a_plain_scan_after_edits(layout, edits, old_mtimes, index_busy):
+    mtimes = count(time.time_ns() - 10**12, 10**9)
+    with tempfile.TemporaryDirectory() as tmp:
+        root = Path(tmp)
+        subprocess.run(["git", "init", "-q", str(root)], check=True)
+        for name in NAMES:
+            (root / name).parent.mkdir(parents=True, exist_ok=True)
+            (root / name).write_text(f"needle in {name}\nhay\n")
+        assert cli.main(["index", "--layout", layout, str(root)]) == 0
+        for action, name, lines in edits:
+            path = root / name
+            if action == "delete":
+                path.unlink(missing_ok=True)
+            elif action == "ignore":
+                (root / ".gitignore").write_text(name + "\n")
+            else:
+                path.write_bytes(b"needle\0\xff" if action == "binary" else "\n".join(lines).encode())
+                if old_mtimes:  # past the racy window: only the stat can tell the change
+                    os.utime(path, ns=(next(mtimes),) * 2)
+        if index_busy:
+            with sqlite3.connect(schema.index_path(root)) as connection:
+                connection.execute("INSERT OR REPLACE INTO meta VALUES ('pass_in_progress', '1')")
+        written = schema.index_path(root).stat().st_mtime_ns
+
+        stale = search(root, "--no-refresh", "needle")[0]
+        found, err = search(root, "needle")
+        assert found == plain_scan(root, "needle")
+        if index_busy:  # the changed files were read from disk, said so, the index left alone
+            assert schema.index_path(root).stat().st_mtime_ns == written
+            assert found == stale or "index pass" in err
+        assert search(root, "needle")[0] == found  # the same once brought up to date
+
+        (root / "sub").mkdir(exist_ok=True)
+        with contextlib.chdir(root / "sub"):
+            cli.main(["search", "code", "--no-refresh", "needle"])
+        assert not (root / "sub" / ".velmora").exists()  # the repository's index, not a new one
+
+
+def test_no_refresh_answers_from_the_index_as_it_is(tmp_path, capsys):
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "gone.txt").write_text("needle\n")
+    assert cli.main(["index", str(tmp_path)]) == 0
+    (tmp_path / "gone.txt").unlink()
+    assert search(tmp_path, "--no-refresh", "needle")[0] == ["gone.txt:1:1:needle"]
+    assert search(tmp_path, "needle")[0] == []

@@ -1,0 +1,125 @@
+"""Hostile trees and tampered indexes through the real CLI: one clear line and exit 2, no
+read outside the repository, no hang."""
+
+from __future__ import annotations
+
+import os
+import sqlite3
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+from velmora import api, cli, schema
+from velmora.utils.fsio import is_plain_relative
+
+BIG_JSON = "[\n" + ",\n".join(f'  "value {i}"' for i in range(3000)) + "\n]\n"
+
+
+def velmora(*argv: str | Path, cwd: Path) -> subprocess.CompletedProcess[str]:
+    # A separate process: a hang or a crash must fail this test, not stop the suite.
+    return subprocess.run(
+        [sys.executable, "-m", "velmora.cli", *map(str, argv)],
+        cwd=cwd, capture_output=True, text=True, timeout=120,
+        env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
+    )
+
+
+@pytest.fixture
+def repo(tmp_path: Path) -> Path:
+    root = tmp_path / "repo"
+    (root / "sub").mkdir(parents=True)
+    (root / "a.py").write_text("def secret_name():\n    return 1\n")
+    (root / "sub" / "data.json").write_text(BIG_JSON)  # its text stays on disk
+    subprocess.run(["git", "init", "-q", str(root)], check=True)
+    assert velmora("index", cwd=root).returncode == 0
+    return root
+
+
+def tamper(root: Path, *statements: str) -> None:
+    with sqlite3.connect(schema.index_path(root)) as connection:
+        for statement in statements:
+            connection.execute(statement)
+
+
+@pytest.mark.parametrize("layout", ["code_chunks", "compressed"])
+@pytest.mark.parametrize("statements", [
+    ["UPDATE chunk_text SET body = x'00ff'"],  # not zlib data
+    ["UPDATE chunk_text SET body = 7"],
+    ["UPDATE code_chunks SET start_line = NULL"],
+    ["UPDATE chunk_text SET start_line = 'one'"],
+    ["UPDATE code_chunks SET start_line = 'one'"],
+    ["UPDATE files SET size = 'big', mtime_ns = 'late'"],
+    ["UPDATE meta SET value = 'soon' WHERE key = 'last_run_ns'"],
+    ["UPDATE files SET path = '/etc/hostname' WHERE path = 'sub/data.json'"],
+    ["UPDATE files SET path = '../outside.json' WHERE path = 'sub/data.json'"],
+])
+def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements):
+    (repo.parent / "outside.json").write_text('["value 1 outside"]\n')
+    assert cli.main(["index", "--layout", layout, str(repo)]) == 0
+    try:
+        tamper(repo, *statements)
+    except sqlite3.OperationalError:
+        pytest.skip("a table of the other layout")
+    for argv in (["--no-refresh", "secret"], ["--no-refresh", "value 1"], ["value 1"]):
+        capsys.readouterr()
+        code = cli.main(["search", "code", *argv, str(repo)])
+        out, err = capsys.readouterr()
+        assert "outside" not in out and os.uname().nodename not in out
+        assert code in (0, 2), err
+        if code == 2:
+            assert err.count("\n") == 1 and "velmora index --rebuild" in err, err
+
+
+@pytest.mark.parametrize("argv", [
+    ["--regex", "a{99999999999}"], ["--regex", "(" * 3000 + ")" * 3000], ["--regex", "(?<x"],
+    ["x", "no/such/dir"],
+])
+def test_bad_input_is_one_line_and_exit_2(repo, argv):
+    done = velmora("search", "code", *argv, cwd=repo)
+    assert (done.returncode, done.stderr.count("\n")) == (2, 1), done.stderr
+    assert "Traceback" not in done.stderr
+
+
+@pytest.mark.parametrize("refresh", [[], ["--no-refresh"]])
+def test_reads_stay_in_the_repository_and_never_block(repo, tmp_path, refresh):
+    outside = tmp_path / "outside"
+    outside.mkdir()
+    (outside / "data.json").write_text('["value 1 outside"]\n')
+    os.rename(repo / "sub", tmp_path / "moved")
+    (repo / "sub").symlink_to(outside, target_is_directory=True)
+    done = velmora("search", "code", *refresh, "value 1", cwd=repo)
+    assert (done.returncode, done.stdout) == (1, ""), done.stderr
+
+    (repo / "sub").unlink()
+    (repo / "sub").mkdir()
+    os.mkfifo(repo / "sub" / "data.json")  # opened blocking, this would wait for a writer
+    done = velmora("search", "code", *refresh, "value 1", cwd=repo)
+    assert (done.returncode, done.stdout) == (1, ""), done.stderr
+
+
+@pytest.mark.parametrize("error, code, words", [
+    (sqlite3.OperationalError("database is locked"), 2, "another process is writing the index"),
+    (sqlite3.DatabaseError("database disk image is malformed"), 2, "velmora index --rebuild"),
+    (KeyboardInterrupt(), 130, "interrupted"),
+])
+def test_errors_the_run_meets_are_reported(repo, monkeypatch, capsys, error, code, words):
+    def fail(*args, **kwargs):
+        raise error
+
+    monkeypatch.setattr(cli.Repository, "search", fail)
+    assert cli.main(["search", "code", "x", str(repo)]) == code
+    assert words in capsys.readouterr().err
+
+
+@settings(deadline=None)
+@given(st.text(alphabet="a./\\\0", max_size=8) | st.sampled_from([None, 5, b"a"]))
+def test_the_index_path_rule_is_one_rule(path):
+    # The search finds unsafe paths in SQL; the readers check them in Python.
+    with sqlite3.connect(":memory:") as connection:
+        connection.execute("CREATE TABLE files (path)")
+        connection.execute("INSERT INTO files VALUES (?)", (path,))
+        assert bool(connection.execute(api._UNSAFE_PATH_SQL).fetchall()) != is_plain_relative(path)
