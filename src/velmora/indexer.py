@@ -69,7 +69,9 @@ def list_files(root: Path) -> list[str]:
     paths = _git_files(root)
     if paths is None:
         paths = _walk_files(root)
-    return sorted(p for p in paths if not p.startswith(".velmora/") and _storable(p))
+    return sorted(
+        p for p in paths if not p.startswith(".velmora/") and (p.isascii() or _storable(p))
+    )
 
 
 def _storable(path: str) -> bool:
@@ -109,7 +111,9 @@ def _git_files(root: Path) -> list[str] | None:
     if done.returncode != 0:
         return None
     # A path git lists twice (conflicted, or deleted but still cached) is read once.
-    return sorted({os.fsdecode(p) for p in done.stdout.split(b"\0") if p})
+    paths = set(os.fsdecode(done.stdout).split("\0"))
+    paths.discard("")
+    return list(paths)
 
 
 def _walk_files(root: Path) -> list[str]:
@@ -249,8 +253,8 @@ def _update(
     dictionary = chunk_store.dictionary(db) if wanted == "compressed" else b""
     last_run = int(schema.get_meta(db, "last_run_ns") or 0)
     known = {
-        row[1]: _Known(row[0], *row[2:])
-        for row in db.fetchall("SELECT id, path, size, mtime_ns, sha1, inode FROM files")
+        row[0]: _Known._make(row[1:])
+        for row in db.rows("SELECT path, id, size, mtime_ns, sha1, inode FROM files")
     }
     left_out = {row[0]: row[1:] for row in db.fetchall("SELECT * FROM skipped")}
     summary = Summary(store=wanted)
