@@ -292,6 +292,7 @@ def _update(
         if bulk:
             chunk_store.optimize(cursor, wanted)
             chunk_store.set_bulk_load(cursor, wanted, False)
+            _reclaim(cursor)
         schema.delete_meta(cursor, schema.PASS_MARK)
     if bar:
         bar.close()
@@ -299,6 +300,17 @@ def _update(
         "SELECT COUNT(*), COUNT(*) FILTER (WHERE text_on_disk != 0) FROM files"
     )[0]
     return summary
+
+
+def _reclaim(cursor: sqlite3.Cursor) -> None:
+    """Give the file system back the pages a merge freed (in an index made with auto_vacuum).
+
+    sqlite3 steps the pragma once, and each step moves one page; the last statement is
+    read to its end so that the transaction can commit.
+    """
+    for _ in range(cursor.execute("PRAGMA freelist_count").fetchone()[0]):
+        cursor.execute("PRAGMA incremental_vacuum")
+    cursor.execute("PRAGMA freelist_count").fetchall()
 
 
 def _samples(root: Path, paths: list[str]) -> list[bytes]:

@@ -55,6 +55,9 @@ def index_path(root: Path) -> Path:
 
 def create(db: Database, store: chunk_store.Layout) -> None:
     """Lay out a new, empty index."""
+    # Lets a bulk load hand back the pages its final merge freed (``reclaim``); only takes
+    # effect before the first table is made.
+    db.connection.execute("PRAGMA auto_vacuum = INCREMENTAL")
     with db.transaction() as cursor:
         cursor.execute(META_DDL)
         cursor.execute(FILES_DDL)
