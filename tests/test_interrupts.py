@@ -34,8 +34,10 @@ DELAY = 0.3
 LATENCY = 0.5
 
 PRELUDE = """
-import itertools, json, re, time
+import itertools, json, re, signal, time
 from velmora.storage import code_text as n
+# A child started in the background inherits SIGINT ignored; Ctrl-C must raise here.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 S = n.CODE_CHUNK_STRIDE
 
 class Rows:

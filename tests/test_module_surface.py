@@ -1,4 +1,4 @@
-"""What the host sees of the module: names and their order, constants, records, signatures, stub."""
+"""What the host sees of the module: its names, constants, records, signatures and stub."""
 
 from __future__ import annotations
 
@@ -13,22 +13,7 @@ import model
 from velmora.storage import chunk_store
 from velmora.storage import code_text as native
 
-LOAD_ORDER = [
-    "chunk_store", "Layout", "layout", "read_bytes_no_follow",
-    "CODE_CHUNK_STRIDE", "CODE_CHUNKS_DDL", "CODE_CHUNK_LINES", "LARGE_DATA_LANGUAGES",
-    "LARGE_DATA_TEXT_BYTES", "FileRow", "code_chunks", "stored_text_bytes", "text_kept_on_disk",
-    "file_rowids", "_CHUNKED_TEXT_BYTES_SQL", "keep_large_data_on_disk", "_file_text",
-    "_lines_holding", "line_matches", "context", "_chunk_lines", "Segment", "DiskText",
-    "ChunkText", "text_source", "_chunk_state", "_candidate_chunks",
-]
-FUNCTIONS = [
-    n for n in LOAD_ORDER
-    if inspect.isroutine(getattr(model, n, None)) and getattr(model, n).__module__ == "model"
-]
-
-
-def test_names_appear_in_load_order() -> None:
-    assert [name for name in vars(native) if name in LOAD_ORDER] == LOAD_ORDER
+FUNCTIONS = [name for name, value in vars(model).items() if inspect.isroutine(value) and value.__module__ == "model"]
 
 
 def test_constants() -> None:
