@@ -17,6 +17,7 @@ from hypothesis import strategies as st
 
 from velmora import cli, schema
 
+BINARY = b"needle\0\xff"
 NAMES = ["a.txt", "b.py", "sub/c.md", "sub/deep/d.txt", "e.json"]
 LINES = st.lists(st.sampled_from(["needle", "a needle here", "hay", "nee dle", "NEEDLE", ""]),
                  max_size=4)
@@ -68,7 +69,9 @@ def test_search_equals_a_plain_scan_after_edits(layout, edits, old_mtimes, index
         subprocess.run(["git", "init", "-q", str(root)], check=True)
         for name in NAMES:
             (root / name).parent.mkdir(parents=True, exist_ok=True)
-            (root / name).write_text(f"needle in {name}\nhay\n")
+            # e.json starts binary: left out, then maybe rewritten in place as text.
+            text = f"needle in {name}\nhay\n".encode()
+            (root / name).write_bytes(BINARY if name == "e.json" else text)
         assert cli.main(["index", "--layout", layout, str(root)]) == 0
         for action, name, lines in edits:
             path = root / name
@@ -77,7 +80,7 @@ def test_search_equals_a_plain_scan_after_edits(layout, edits, old_mtimes, index
             elif action == "ignore":
                 (root / ".gitignore").write_text(name + "\n")
             else:
-                path.write_bytes(b"needle\0\xff" if action == "binary" else "\n".join(lines).encode())
+                path.write_bytes(BINARY if action == "binary" else "\n".join(lines).encode())
                 if old_mtimes:  # past the racy window: only the stat can tell the change
                     os.utime(path, ns=(next(mtimes),) * 2)
         if index_busy:

@@ -69,6 +69,18 @@ def check(db: Database, root: Path) -> Changes:
             or info.st_ino != ino
         ):
             changes.changed[file_id] = path
+    # A file left out (binary, say) and rewritten in place since touches no directory.
+    for path, size, mtime_ns, ino in db.fetchall(
+        "SELECT path, size, mtime_ns, inode FROM skipped"
+    ):
+        try:
+            info = lstat(prefix + path)
+        except (OSError, ValueError, TypeError):
+            continue
+        if (info.st_size, info.st_mtime_ns, info.st_ino) != (size, mtime_ns, ino) or (
+            mtime_ns >= racy_from
+        ):
+            changes.added.append(path)
     if changes or _directories_changed(db, root):
         _list(changes, db, root, {path: file_id for file_id, path, *_ in rows})
     return changes
@@ -97,9 +109,9 @@ def _list(changes: Changes, db: Database, root: Path, indexed: dict[str, int]) -
     started = time.time_ns()
     listed = indexer.list_files(root)
     present = set(listed)
-    # What the last pass left out (binary files, say) is no addition; one rewritten in
-    # place since is seen at the next pass.
+    # What the last pass left out (binary files, say) is no addition, unless it changed.
     left_out = {path for (path,) in db.fetchall("SELECT path FROM skipped")}
+    left_out.difference_update(changes.added)
     changes.added = [path for path in listed if path not in indexed and path not in left_out]
     changes.listed = (started, sorted({os.path.dirname(path) for path in listed} | {""}))
     # A file the index holds but the tree no longer lists (now ignored, say) is gone too.
