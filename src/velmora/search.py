@@ -7,6 +7,7 @@ from collections.abc import Collection, Iterable, Iterator, Sequence
 from itertools import islice
 from typing import TYPE_CHECKING, NamedTuple
 
+from velmora import chunk_groups, chunk_scan
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
 
@@ -83,6 +84,11 @@ class Hit(NamedTuple):
     context: list[tuple[int, str]]
 
 
+# A run of a file's lines: (number of its first line, the lines, whether it ends the file,
+# the (number within the run, column) of each matching line).
+_Segment = tuple[int, list[str], bool, Iterable[tuple[int, int]]]
+
+
 def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
     """The indexed files, by path, that match the globs ("!" before a glob excludes)."""
     rows = db.fetchall("SELECT id, path, language, NULL FROM files ORDER BY path")
@@ -120,12 +126,12 @@ def search(
     """The matches file by file, and why the files are read from disk (None if they aren't).
 
     The files whose ids are in ``from_disk`` are read from disk whatever the index holds
-    (files changed since it was written).
+    (files changed since it was written). The other files are read a group at a time, so a
+    search holds only one group's text.
     """
+    store = chunk_store.layout(db)
     source: code_text.ChunkText | code_text.DiskText | DiskOverlay
-    source, reason = code_text.text_source(
-        db, files, query.needle, query.case_sensitive, store=chunk_store.layout(db)
-    )
+    source, on_disk, reason = _text_source(db, query, store)
     if from_disk:
         from velmora.refresh import DiskOverlay
 
@@ -133,39 +139,107 @@ def search(
         root = db.db_path.parents[2]
         disk = code_text.DiskText(root, query.needle, query.case_sensitive)
         source = DiskOverlay(source, disk, from_disk)
+        on_disk = frozenset(on_disk) | frozenset(from_disk)
+    texts: Iterable[tuple[code_text.FileRow, list[chunk_groups.Chunk]]]
+    if reason is None:
+        assert store is not None
+        # A case-sensitive needle is held as it is by any chunk that holds a match (where the
+        # index holds a NUL as a space, a needle without one is still found).
+        held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
+        texts = chunk_groups.file_chunks(
+            db, store, files, _plan(query), on_disk, with_last=bool(before or after), holding=held
+        )
+    else:
+        texts = ((row, []) for row in files)
+    first_line = chunk_scan.first_line_finder(query.needle, query.pattern, query.case_sensitive)
+    needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
+    line_matches = code_text.line_matches
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
-        segments_of = source.segments
-        for row in files:
+        for row, chunks in texts:
             file_id, path = row[0], row[1]
-            segments = segments_of(file_id, path)
-            # Most files of a selective search have no candidate: nothing more to do.
+            segments: list[_Segment]
+            if reason is not None or file_id in on_disk:
+                segments = [
+                    (first, lines, last, line_matches(lines, needle, pattern, case_sensitive))
+                    for first, lines, last in source.segments(file_id, path)
+                ]
+            elif chunks:
+                segments = _chunk_segments(chunks, first_line, query)
+            else:
+                # Most files of a selective search have no candidate: nothing more to do.
+                continue
             if segments:
-                hits = _file_hits(
-                    source, file_id, path, segments, query, before, after, max_count
-                )
+                hits = _file_hits(source, row, segments, before, after, max_count)
                 if hits:
                     yield path, hits
 
     return per_file(), reason
 
 
-def _file_hits(
-    source,
-    file_id: int,
-    path: str,
-    segments: list[code_text.Segment],
-    query: Query,
-    before: int,
-    after: int,
-    max_count: int | None,
-) -> list[Hit]:
-    # Runs once per match: the work per match is kept to the module's calls and a tuple.
+# A needle that no text holds, to ask the module where the text comes from without selecting
+# any chunk: its trigrams are looked up, not scanned for.
+_ABSENT = "\x01\x02\x03"
+
+
+def _text_source(
+    db: Database, query: Query, store: chunk_store.Layout | None
+) -> tuple[code_text.ChunkText | code_text.DiskText, Collection[int], str | None]:
+    """The module's choice of the index or the disk: the source for the files read from disk
+    and for whole files, the ids of the files the index keeps on disk, and why every file is
+    read from disk (None when the index answers)."""
+    probe, reason = code_text.text_source(db, (), _ABSENT, True, store=store)
+    if isinstance(probe, code_text.DiskText):
+        return code_text.DiskText(probe._root, query.needle, query.case_sensitive), frozenset(), reason
+    disk = code_text.DiskText(probe._disk._root, query.needle, query.case_sensitive)
+    assert store is not None
+    return code_text.ChunkText(db, store, {}, disk, probe._on_disk), probe._on_disk, None
+
+
+def _plan(query: Query) -> str | None:
+    from velmora import regex_plan
+
+    if query.pattern is not None:
+        return regex_plan.pattern_plan(query.pattern)
+    assert query.needle is not None
+    return regex_plan.needle_plan(query.needle, query.case_sensitive)
+
+
+def _chunk_segments(
+    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query
+) -> list[_Segment]:
+    """The chunks that may hold a match, as segments with their matches (found as read)."""
+    chunk_lines, line_matches = code_text._chunk_lines, code_text.line_matches
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
-    line_matches = code_text.line_matches
+    segments: list[_Segment] = []
+    for first, end, text, last in chunks:
+        skipped = 0 if first_line is None else first_line(text)
+        if skipped < 0 or end < first:
+            continue  # no match, or a file without a line
+        lines = chunk_lines(first, end, text)
+        found: Iterable[tuple[int, int]]
+        if skipped:
+            found = _shifted(line_matches(lines[skipped:], needle, pattern, case_sensitive), skipped)
+        else:
+            found = line_matches(lines, needle, pattern, case_sensitive)
+        segments.append((first, lines, last, found))
+    return segments
+
+
+def _shifted(found: Iterable[tuple[int, int]], skipped: int) -> Iterator[tuple[int, int]]:
+    """Matches in the lines after the first ``skipped``, numbered as in all the lines."""
+    for number, column in found:
+        yield number + skipped, column
+
+
+def _file_hits(
+    source, row: code_text.FileRow, segments: list[_Segment],
+    before: int, after: int, max_count: int | None,
+) -> list[Hit]:
+    # Runs once per match: the work per match is kept to a few tuples.
+    file_id, path = row[0], row[1]
     hits: list[Hit] = []
-    for first, lines, last in segments:
-        found: Iterable[tuple[int, int]] = line_matches(lines, needle, pattern, case_sensitive)
+    for first, lines, last, found in segments:
         if max_count is not None:
             room = max_count - len(hits)
             if room <= 0:

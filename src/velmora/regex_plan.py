@@ -1,0 +1,284 @@
+"""The trigrams a line must hold to match a query, as a full-text query for the trigram index.
+
+A regex is read from the parse tree of Python's own ``re``. Each piece of it is summed up as
+(exact, prefix, suffix, match): the set of every string the piece can match when that set is
+small, else the strings every match starts and ends with, and a query over trigrams that every
+text holding a match satisfies. Pieces are joined by concatenation and alternation, and the sets
+are folded into the query whenever they grow too large, so the plan stays small. The plan may
+let through texts that hold no match; it never rejects one that does.
+"""
+
+from __future__ import annotations
+
+import re
+from typing import NamedTuple, Union
+
+# A query over trigrams: None holds for every text; a str is one trigram the text must hold;
+# ("and" | "or", parts) joins queries.
+TrigramQuery = Union[None, str, tuple[str, frozenset]]
+
+# Strings in an exact, prefix or suffix set before the set is folded into the query.
+_MAX_STRINGS = 16
+# Trigrams taken from one literal: enough to be selective, few enough to look up quickly.
+_MAX_TRIGRAMS = 12
+# Trigrams in a whole plan; beyond it alternatives are dropped (which only widens the plan).
+_MAX_PLAN = 64
+
+# ASCII letters that a character beyond ASCII turns into when case is ignored (KELVIN SIGN
+# lower-cases to "k", U+0130 to "i" and a dot; under re.IGNORECASE LONG S matches "s" and
+# DOTLESS I "i"), so the index's ASCII case folding does not cover them; nor does it cover
+# the dot that U+0130 leaves after its "i".
+_UNFOLDED = frozenset("iksIKS\u0307")
+
+
+class _Piece(NamedTuple):
+    exact: frozenset[str] | None  # every string the piece matches, when known and few
+    prefix: frozenset[str]  # when not exact: every match starts with one of these
+    suffix: frozenset[str]  # when not exact: every match ends with one of these
+    match: TrigramQuery  # holds for every text that holds a match
+
+
+_UNKNOWN = _Piece(None, frozenset([""]), frozenset([""]), None)
+_EMPTY = _Piece(frozenset([""]), frozenset(), frozenset(), None)
+
+
+def needle_plan(needle: str, case_sensitive: bool) -> str | None:
+    """The full-text query for a plain search (``needle`` lower-cased when case is ignored);
+    None when the index cannot narrow it."""
+    piece = _EMPTY
+    for char in needle:
+        piece = _concat(piece, _char(char, not case_sensitive))
+    return _fts(_bounded(_final(piece)))
+
+
+def pattern_plan(pattern: re.Pattern[str]) -> str | None:
+    """The full-text query for a regex search; None when the index cannot narrow it."""
+    from re import _parser  # type: ignore[attr-defined]
+
+    tree = _parser.parse(pattern.pattern, pattern.flags)
+    return _fts(_bounded(_final(_sequence(tree, tree.state.flags))))
+
+
+# -- the parse tree -------------------------------------------------------------------------
+
+
+def _sequence(items, flags: int) -> _Piece:
+    piece = _EMPTY
+    for op, arg in items:
+        piece = _concat(piece, _node(str(op), arg, flags))
+    return piece
+
+
+def _node(op: str, arg, flags: int) -> _Piece:
+    ignore_case = bool(flags & re.IGNORECASE)
+    if op == "LITERAL":
+        return _char(chr(arg), ignore_case)
+    if op == "IN":
+        return _char_class(arg, ignore_case)
+    if op == "SUBPATTERN":
+        _group, add_flags, del_flags, items = arg
+        return _sequence(items, (flags | add_flags) & ~del_flags)
+    if op == "ATOMIC_GROUP":
+        return _sequence(arg, flags)
+    if op == "BRANCH":
+        return _alternatives([_sequence(items, flags) for items in arg[1]])
+    if op == "GROUPREF_EXISTS":
+        _group, yes, no = arg
+        return _alternatives([_sequence(yes, flags), _sequence(no or [], flags)])
+    if op in ("MAX_REPEAT", "MIN_REPEAT", "POSSESSIVE_REPEAT"):
+        low, high, items = arg
+        return _repeat(_sequence(items, flags), low, high)
+    if op in ("AT", "ASSERT", "ASSERT_NOT"):
+        return _EMPTY  # zero width: whatever it asserts, the match itself holds nothing
+    return _UNKNOWN  # any other character, a backreference
+
+
+def _char(char: str, ignore_case: bool) -> _Piece:
+    if ignore_case:
+        if char.isascii():
+            if char in _UNFOLDED:
+                return _UNKNOWN
+            char = char.lower()  # the index folds ASCII case itself
+        elif char in _UNFOLDED or not char.lower() == char.upper() == char:
+            # A cased letter beyond ASCII: the index's case folding may differ from re's.
+            return _UNKNOWN
+    # The index holds a NUL as a space.
+    return _Piece(frozenset([" " if char == "\0" else char]), frozenset(), frozenset(), None)
+
+
+def _char_class(items, ignore_case: bool) -> _Piece:
+    chars: set[str] = set()
+    for op, arg in items:
+        op = str(op)
+        if op == "LITERAL":
+            chars.add(chr(arg))
+        elif op == "RANGE" and arg[1] - arg[0] < _MAX_STRINGS:
+            chars.update(map(chr, range(arg[0], arg[1] + 1)))
+        else:  # a negation, a category, a wide range
+            return _UNKNOWN
+    if not chars or len(chars) > _MAX_STRINGS:
+        return _UNKNOWN
+    return _alternatives([_char(char, ignore_case) for char in sorted(chars)])
+
+
+def _repeat(piece: _Piece, low: int, high: int) -> _Piece:
+    if low == 0:
+        return _alternatives([_EMPTY, _repeat(piece, 1, high)])
+    if low == high and low <= 4:
+        repeated = piece
+        for _ in range(low - 1):
+            repeated = _concat(repeated, piece)
+        return repeated
+    # One or more: every match starts with, ends with and holds a match of the piece.
+    return _inexact(piece)
+
+
+# -- joining pieces ------------------------------------------------------------------------
+
+
+def _concat(first: _Piece, second: _Piece) -> _Piece:
+    match = _and(first.match, second.match)
+    if first.exact is not None and second.exact is not None:
+        joined = _joined(first.exact, second.exact)
+        if joined is not None:
+            return _Piece(joined, frozenset(), frozenset(), match)
+    head, tail = _inexact(first), _inexact(second)
+    match = _and(match, _and(head.match, tail.match))
+    across = _joined(head.suffix, tail.prefix)
+    if across is not None:
+        match = _and(match, _strings_query(across))
+    prefix = head.prefix
+    if first.exact is not None:
+        prefix = _joined(first.exact, tail.prefix) or frozenset([""])
+    suffix = tail.suffix
+    if second.exact is not None:
+        suffix = _joined(head.suffix, second.exact) or frozenset([""])
+    return _trimmed(_Piece(None, prefix, suffix, match))
+
+
+def _alternatives(pieces: list[_Piece]) -> _Piece:
+    if all(piece.exact is not None for piece in pieces):
+        union = frozenset().union(*(piece.exact for piece in pieces))  # type: ignore[arg-type]
+        if len(union) <= _MAX_STRINGS:
+            match = pieces[0].match
+            for piece in pieces[1:]:
+                match = _or(match, piece.match)
+            return _Piece(union, frozenset(), frozenset(), match)
+    inexact = [_inexact(piece) for piece in pieces]
+    match = inexact[0].match
+    for piece in inexact[1:]:
+        match = _or(match, piece.match)
+    prefix = frozenset().union(*(piece.prefix for piece in inexact))
+    suffix = frozenset().union(*(piece.suffix for piece in inexact))
+    return _trimmed(_Piece(None, prefix, suffix, match))
+
+
+def _inexact(piece: _Piece) -> _Piece:
+    """The piece without its exact set: the set goes into the query, prefix and suffix."""
+    if piece.exact is None:
+        return piece
+    match = _and(piece.match, _strings_query(piece.exact))
+    return _trimmed(_Piece(None, piece.exact, piece.exact, match))
+
+
+def _trimmed(piece: _Piece) -> _Piece:
+    # Only a prefix's first two and a suffix's last two characters can form a trigram with
+    # a neighbour; the trigrams inside them go into the query first.
+    match = _and(piece.match, _and(_strings_query(piece.prefix), _strings_query(piece.suffix)))
+    prefix = frozenset(text[:2] for text in piece.prefix)
+    suffix = frozenset(text[-2:] for text in piece.suffix)
+    if len(prefix) > _MAX_STRINGS:
+        prefix = frozenset([""])
+    if len(suffix) > _MAX_STRINGS:
+        suffix = frozenset([""])
+    return _Piece(None, prefix, suffix, match)
+
+
+def _joined(heads: frozenset[str], tails: frozenset[str]) -> frozenset[str] | None:
+    """Every head followed by every tail; None when there would be too many."""
+    if len(heads) * len(tails) > _MAX_STRINGS:
+        return None
+    return frozenset(head + tail for head in heads for tail in tails)
+
+
+def _final(piece: _Piece) -> TrigramQuery:
+    return _inexact(piece).match
+
+
+# -- queries over trigrams ------------------------------------------------------------------
+
+
+def _strings_query(strings: frozenset[str]) -> TrigramQuery:
+    """The text holds one of the strings (nothing is known if one is shorter than three)."""
+    query: TrigramQuery = ("or", frozenset())
+    for text in strings:
+        if len(text) < 3:
+            return None
+        query = _or(query, _trigrams_query(text))
+    return None if query == ("or", frozenset()) else query
+
+
+def _trigrams_query(text: str) -> TrigramQuery:
+    trigrams = sorted({text[i : i + 3] for i in range(len(text) - 2)})
+    if len(trigrams) > _MAX_TRIGRAMS:
+        step = len(trigrams) / _MAX_TRIGRAMS
+        trigrams = [trigrams[int(i * step)] for i in range(_MAX_TRIGRAMS)]
+    query: TrigramQuery = None
+    for trigram in trigrams:
+        query = _and(query, trigram)
+    return query
+
+
+def _and(left: TrigramQuery, right: TrigramQuery) -> TrigramQuery:
+    if left is None:
+        return right
+    if right is None or right == left:
+        return left
+    return ("and", _parts("and", left) | _parts("and", right))
+
+
+def _or(left: TrigramQuery, right: TrigramQuery) -> TrigramQuery:
+    if left is None or right is None:
+        return None
+    if left == right:
+        return left
+    parts = _parts("or", left) | _parts("or", right)
+    return next(iter(parts)) if len(parts) == 1 else ("or", parts)
+
+
+def _parts(kind: str, query: TrigramQuery) -> frozenset:
+    if isinstance(query, tuple) and query[0] == kind:
+        return query[1]
+    return frozenset([query])
+
+
+def _size(query: TrigramQuery) -> int:
+    if query is None:
+        return 0
+    if isinstance(query, str):
+        return 1
+    return sum(_size(part) for part in query[1])
+
+
+def _bounded(query: TrigramQuery) -> TrigramQuery:
+    """The query cut down to at most ``_MAX_PLAN`` trigrams, by dropping terms of an AND
+    (fewer conditions: a wider plan) and giving up on a large OR."""
+    if _size(query) <= _MAX_PLAN:
+        return query
+    if isinstance(query, tuple) and query[0] == "and":
+        kept: TrigramQuery = None
+        for part in sorted(query[1], key=_size):
+            if _size(kept) + _size(part) <= _MAX_PLAN:
+                kept = _and(kept, part)
+        return kept
+    return None
+
+
+def _fts(query: TrigramQuery) -> str | None:
+    if query is None:
+        return None
+    if isinstance(query, str):
+        return '"' + query.replace('"', '""') + '"'
+    kind, parts = query
+    text = f" {kind.upper()} ".join(sorted(_fts(part) for part in parts))  # type: ignore[misc]
+    return f"({text})"

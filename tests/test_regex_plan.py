@@ -1,0 +1,158 @@
+"""The index narrows a search only to texts that can match, and a search equals a plain scan."""
+
+from __future__ import annotations
+
+import re
+import sqlite3
+import subprocess
+import textwrap
+from pathlib import Path
+
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+from velmora import chunk_scan, indexer, regex_plan, schema
+from velmora.search import Query, search, select_files
+from velmora.storage import chunk_store
+
+LAYOUTS = ["code_chunks", "compressed"]
+# Letters whose case rules trip a trigram index: KELVIN SIGN, dotted and dotless I, LONG S,
+# sigma, accented letters, and a NUL, which the index holds as a space.
+CHARS = "abcksiABKSI \u212a\u0130\u0131\u0307\u017f\u03a3\u03c3\u03c2\u00e9\u00c9\u65e5\0_(."
+LINES = st.lists(st.text(st.sampled_from(CHARS), max_size=12), min_size=1, max_size=4)
+LITERAL = st.sampled_from(CHARS).map(re.escape)
+ATOM = st.one_of(
+    LITERAL, LITERAL, LITERAL,
+    st.sampled_from([".", r"\w", r"\s", r"\b", "^", "$", r"\A", r"\Z", "[ab]", "[^a]", r"\1?"]),
+    st.lists(LITERAL, min_size=1, max_size=3).map(lambda chars: "[" + "".join(chars) + "]"),
+)
+REGEX = st.recursive(
+    ATOM,
+    lambda inner: st.one_of(
+        st.lists(inner, min_size=2, max_size=4).map("".join),
+        st.tuples(inner, inner).map("|".join),
+        st.tuples(inner, st.sampled_from(["*", "+", "?", "{2}", "{1,3}", "+?"])).map("".join),
+        st.tuples(st.sampled_from(["(", "(?:", "(?i:", "(?=", "(?<!", "(?>"]), inner).map(
+            lambda pair: f"{pair[0]}{pair[1]})"
+        ),
+    ),
+    max_leaves=8,
+)
+SETTINGS = settings(max_examples=300, deadline=None, suppress_health_check=[HealthCheck.too_slow])
+
+
+def line_match(query: Query, line: str) -> int:
+    if query.pattern is not None:
+        found = query.pattern.search(line)
+        return -1 if found is None else found.start()
+    return (line if query.case_sensitive else line.lower()).find(query.needle)
+
+
+def regex_query(text: str, ignore_case: bool) -> Query:
+    try:
+        return Query(None, re.compile(text, re.IGNORECASE if ignore_case else 0), not ignore_case)
+    except re.error:
+        return Query(None, None, True)
+
+
+@pytest.fixture(scope="module", params=LAYOUTS)
+def index(request):
+    connection = sqlite3.connect(":memory:")
+    chunk_store.create_tables(connection.cursor(), request.param)
+    table = "code_chunks" if request.param == "code_chunks" else chunk_store.TRIGRAM_TABLE
+    return connection, request.param, table
+
+
+def check_plan(index, query: Query, lines: list[str]) -> None:
+    connection, layout, table = index
+    plan = regex_plan.pattern_plan(query.pattern) if query.pattern else regex_plan.needle_plan(
+        query.needle, query.case_sensitive
+    )
+    text = "\n".join(lines)
+    first = next((i for i, line in enumerate(lines) if line_match(query, line) >= 0), -1)
+    finder = chunk_scan.first_line_finder(query.needle, query.pattern, query.case_sensitive)
+    if finder is not None and first >= 0:
+        # A chunk with a matching line is kept, and the lines skipped never match.
+        assert 0 <= finder(text) <= first
+    if plan is None or first < 0:
+        return
+    cursor = connection.cursor()
+    cursor.execute("SAVEPOINT t")
+    chunk_store.store_chunks(cursor, layout, 1, [(1, len(lines), text)])
+    try:
+        rows = cursor.execute(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (plan,)).fetchall()
+        assert rows, (plan, lines)
+    finally:
+        cursor.execute("ROLLBACK TO t")
+
+
+@SETTINGS
+@given(lines=LINES, regex=REGEX, ignore_case=st.booleans())
+def test_a_regex_plan_keeps_every_matching_text(index, lines, regex, ignore_case):
+    query = regex_query(regex, ignore_case)
+    if query.pattern is not None:
+        check_plan(index, query, lines)
+
+
+@SETTINGS
+@given(lines=LINES, data=st.data(), ignore_case=st.booleans())
+def test_a_needle_plan_keeps_every_matching_text(index, lines, data, ignore_case):
+    # Needles cut from the lines as they are searched, so that most of them match.
+    line = data.draw(st.sampled_from(lines))
+    line = line.lower() if ignore_case else line
+    start = data.draw(st.integers(0, len(line)))
+    needle = line[start : start + data.draw(st.integers(0, 6))]
+    check_plan(index, Query(needle, None, not ignore_case), lines)
+
+
+# -- the whole search against a plain scan of a real tree --------------------------------------
+
+TRICKY = (
+    "café\n€5\nx = \"日本\"\n\u212aelvin and İstanbul\nΣΊΣΥΦΟΣ σίσυφος\n"
+    "a\0b NUL xıkl\n\n  return self.x\n" + "filler line\n" * 70 + "last SELF line"
+)
+QUERIES = [
+    ("fé", False, False), ("日本", False, False), ("€", False, False), ("kelvin", False, True),
+    ("and i", False, True), (r"XIKL", True, True), ("σίσ", False, True), ("a\0b", False, False), ("return", False, False),
+    ("self", False, True), (r"def \w+\(self", True, False), (r"^\s*return\b", True, True),
+    (r"^$", True, False), (r"\Afiller", True, False), (r"(?<=\.)x\b", True, False),
+    (r"[A-Z]{4,}\d?", True, False), (r"line\Z|^last", True, False), (r"wrap|Self", True, True),
+]
+
+
+@pytest.fixture(scope="module", params=LAYOUTS)
+def tree(request, tmp_path_factory):
+    root = tmp_path_factory.mktemp(request.param)
+    subprocess.run(["git", "init", "-q", str(root)], check=True)
+    stdlib = Path(textwrap.__file__).parent
+    for name in ("textwrap.py", "shlex.py", "colorsys.py"):
+        (root / name).write_bytes((stdlib / name).read_bytes())
+    (root / "tricky.txt").write_text(TRICKY, encoding="utf-8")
+    indexer.index(root, request.param, progress=False)
+    return root
+
+
+@pytest.mark.parametrize(("text", "regex", "ignore_case"), QUERIES)
+@pytest.mark.parametrize("context", [0, 2])
+def test_a_search_finds_what_a_plain_scan_finds(tree, text, regex, ignore_case, context):
+    query = Query.parse(text, regex=regex, ignore_case=ignore_case)
+    db = schema.open_index(schema.index_path(tree))
+    try:
+        results, reason = search(db, query, select_files(db), before=context, after=context)
+        got = {path: hits for path, hits in results}
+    finally:
+        db.close()
+    assert reason is None
+    expected = {}
+    for path in sorted(got.keys() | {p.name for p in tree.iterdir() if p.is_file()}):
+        lines = (tree / path).read_text(encoding="utf-8").splitlines()
+        hits = [
+            (number, column, [(n, lines[n - 1]) for n in range(max(1, number - context), number + context + 1) if n <= len(lines)])
+            for number, line in enumerate(lines, 1)
+            for column in (line_match(query, line),)
+            if column >= 0
+        ]
+        if hits:
+            expected[path] = hits
+    assert got == expected
