@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 from array import array
 from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
@@ -93,7 +92,7 @@ def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool
         where = f"c.{key} >= w.value * {STRIDE} AND c.{key} < (w.value + 1) * {STRIDE}"
     else:
         where = f"c.{key} = w.value"
-    parameters: tuple = (json.dumps(wanted),)
+    parameters: tuple = ("[" + ",".join(map(str, wanted)) + "]",)
     if holding is not None and store == "code_chunks":
         # SQLite tests the text far faster than the rows can be handed to Python.
         where += " AND instr(c.text, ?)"

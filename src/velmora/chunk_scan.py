@@ -51,7 +51,9 @@ def _line_of(text: str, position: int) -> int:
 
 
 def _sees_only_its_line(pattern: re.Pattern[str]) -> bool:
-    """Whether the pattern has neither \\A, \\Z nor a lookaround."""
+    """Whether the pattern has neither \\A, \\Z nor a lookaround wider than one character
+    that is never a line feed (as ``(?<!\\w)`` is: it sees the LF beyond a line's end in a
+    chunk as it sees nothing beyond the line alone)."""
     from re import _parser  # type: ignore[attr-defined]
 
     try:
@@ -68,7 +70,8 @@ def _items_see_only_their_line(items) -> bool:
             if str(arg) not in _LINE_ANCHORS:
                 return False
         elif op in ("ASSERT", "ASSERT_NOT"):
-            return False
+            if not _one_char_but_newline(arg[1]):
+                return False
         elif op == "SUBPATTERN":
             if not _items_see_only_their_line(arg[3]):
                 return False
@@ -85,3 +88,33 @@ def _items_see_only_their_line(items) -> bool:
             if not all(_items_see_only_their_line(branch or []) for branch in arg[1:]):
                 return False
     return True
+
+
+# Character categories that hold a line feed, and those that do not.
+_NEWLINE_CATEGORIES = {"CATEGORY_SPACE", "CATEGORY_NOT_DIGIT", "CATEGORY_NOT_WORD", "CATEGORY_LINEBREAK"}
+_OTHER_CATEGORIES = {"CATEGORY_DIGIT", "CATEGORY_WORD", "CATEGORY_NOT_SPACE", "CATEGORY_NOT_LINEBREAK"}
+
+
+def _one_char_but_newline(items) -> bool:
+    if len(items) != 1:
+        return False
+    op, arg = items[0]
+    op = str(op)
+    if op == "LITERAL":
+        return arg != 10
+    if op != "IN":
+        return False
+    holds, negated = False, False
+    for op, item in arg:
+        op = str(op)
+        if op == "NEGATE":
+            negated = True
+        elif op == "LITERAL":
+            holds |= item == 10
+        elif op == "RANGE":
+            holds |= item[0] <= 10 <= item[1]
+        elif op == "CATEGORY" and str(item) in _NEWLINE_CATEGORIES:
+            holds = True
+        elif not (op == "CATEGORY" and str(item) in _OTHER_CATEGORIES):
+            return False
+    return holds == negated
