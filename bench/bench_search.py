@@ -1,11 +1,12 @@
-"""`velmora index` and `velmora search code` on real trees, beside ripgrep.
+"""`velmora search code` beside rg on the benchmark corpora, both layouts, and a chart of it.
 
-Trees: the interpreter's standard library, and the same copied several times over.  Prints
-the indexing rate and, per query, the best wall time of the command against `rg` (both run
-as programs, warm cache, taking turns so that a change of load weighs on both alike), with
-the command's peak resident size, and the time of an interpreter that does nothing, the
-floor of any command written in Python.
-Usage: bench_search.py [--copies N] [--layout L ...] [--keep DIR]
+For each corpus (bench/corpus.py) and layout, a copy of the tree is indexed once (kept with
+--keep, so that later runs reuse it), then each query runs as a program, velmora and rg taking
+turns, warm cache; the table gives the median wall time of each, their ratio against the goal
+of the search-speed issue, the lines printed, and velmora's peak resident size (/usr/bin/time
+-v). The regex without a literal also runs as `git grep -P`, its other yardstick. The ratios
+are drawn as bench/search_ratios.png (matplotlib, from the bench extra).
+Usage: bench_search.py [--corpus stdlib|large ...] [--layout L ...] [--repeats N] [--keep DIR]
 """
 
 from __future__ import annotations
@@ -13,126 +14,158 @@ from __future__ import annotations
 import argparse
 import os
 import shutil
+import statistics
 import subprocess
 import sys
-import sysconfig
 import tempfile
-import threading
 import time
 from pathlib import Path
 
-from velmora import indexer
+BENCH = Path(__file__).resolve().parent
+CHART = BENCH / "search_ratios.png"
 
+# label, the flags and pattern as rg takes them (velmora takes the same), goal on the large
+# corpus (velmora / rg wall; None: measured against git grep -P instead).
 QUERIES = [
-    ("selective literal", [], "TextWrapper"),
-    ("common literal", [], "return"),
-    ("case-ignoring literal", ["-i"], "textwrapper"),
-    ("regex", ["--regex"], r"def \w+_lock\("),
+    ("selective literal", ["-F", "TextWrapper"], 0.3),
+    ("literal, ~200 hits", ["-F", "import textwrap"], 0.5),
+    ("common literal", ["-F", "self"], 1.0),
+    ("-i ASCII", ["-i", "-F", "textwrapper"], 0.5),
+    ("non-ASCII literal", ["-F", "Größe"], 0.5),
+    ("non-ASCII, -i", ["-i", "-F", "größe"], 0.5),
+    ("two characters", ["-F", "xy"], 1.0),
+    ("regex with a literal", [r"def \w+_cache\("], 0.5),
+    ("regex without one", [r"\b[A-Z]{4,}\d\b"], None),
 ]
+GIT_GREP_GOAL = 1.5  # the regex without a literal, against git grep -P
+STDLIB_GOAL = 1.5  # every query on the standard library
 
 
-def copy_stdlib(target: Path) -> None:
-    shutil.copytree(
-        sysconfig.get_paths()["stdlib"], target,
-        ignore=shutil.ignore_patterns("site-packages", "__pycache__", "*.pyc"),
-    )
-
-
-def program_env(cache: Path) -> dict[str, str]:
-    """The environment of the command as a user runs it from an installed package.
-
-    An installed package comes with its bytecode compiled, and its output is buffered;
-    a shell that says PYTHONDONTWRITEBYTECODE or PYTHONUNBUFFERED would otherwise make every
-    run compile the package again and write each line with a system call of its own.
-    """
+def program_env() -> dict[str, str]:
+    """The command's environment as an installed package has it: bytecode compiled once and
+    kept, output buffered."""
     env = {k: v for k, v in os.environ.items() if k not in ("PYTHONDONTWRITEBYTECODE", "PYTHONUNBUFFERED")}
-    env["PYTHONPYCACHEPREFIX"] = str(cache)
+    env["PYTHONPATH"] = str(BENCH.parent / "src")
+    env["PYTHONPYCACHEPREFIX"] = str(Path(tempfile.gettempdir()) / "velmora-bench-pycache")
     return env
 
 
-def run(argv: list[str], env: dict[str, str] | None = None) -> tuple[float, int, int]:
-    """Wall time, lines printed and peak resident size (MB) of one run of a command."""
+def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, int, int]:
+    """Wall time, lines printed and peak resident size (MB) of one run."""
     start = time.perf_counter()
-    child = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
-    peak = [0]
-    watch = threading.Thread(target=_watch_peak, args=(child.pid, peak), daemon=True)
-    watch.start()
+    child = subprocess.Popen(
+        ["/usr/bin/time", "-v", *argv], cwd=cwd, env=env,
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+    )
     lines = sum(block.count(b"\n") for block in iter(lambda: child.stdout.read(1 << 20), b""))
+    report = child.stderr.read().decode(errors="replace")
     child.wait()
     elapsed = time.perf_counter() - start
-    watch.join()
-    return elapsed, lines, peak[0] // 1024
+    peak = next(
+        (int(line.split()[-1]) for line in report.splitlines() if "Maximum resident" in line), 0
+    )
+    return elapsed, lines, peak // 1024
 
 
-def _watch_peak(pid: int, peak: list[int]) -> None:
-    # The child's own high-water mark (kB), read until it exits.  (The rusage of a child
-    # would not do: its maximum counts the parent's pages from before the exec.)
-    while True:
-        try:
-            with open(f"/proc/{pid}/status") as status:
-                for line in status:
-                    if line.startswith("VmHWM:"):
-                        peak[0] = max(peak[0], int(line.split()[1]))
-        except (OSError, ValueError):
-            return
-        if not os.path.exists(f"/proc/{pid}/status"):
-            return
-        time.sleep(0.002)
-
-
-def best(commands: list[tuple[list[str], dict[str, str] | None]], repeats: int) -> list[tuple[float, int, int]]:
-    """Per command: best wall time, lines printed, peak resident size; runs take turns."""
+def medians(commands: list[tuple[list[str], dict | None]], cwd: Path, repeats: int) -> list[tuple[float, int, int]]:
+    """Per command: median wall time, lines printed, largest peak; the commands take turns."""
     runs: list[list[tuple[float, int, int]]] = [[] for _ in commands]
     for turn in range(repeats + 1):  # the first turn warms the cache
         for k, (argv, env) in enumerate(commands):
-            result = run(argv, env)
+            result = run(argv, cwd, env)
             if turn:
                 runs[k].append(result)
-    return [(min(r[0] for r in rs), rs[-1][1], max(r[2] for r in rs)) for rs in runs]
+    return [
+        (statistics.median(r[0] for r in rs), rs[-1][1], max(r[2] for r in rs)) for rs in runs
+    ]
+
+
+def indexed_copy(corpus: str, layout: str, work: Path, env: dict[str, str]) -> Path:
+    """A copy of the corpus indexed in the layout (the corpus itself is never written)."""
+    source = Path(
+        subprocess.run(
+            [sys.executable, str(BENCH / "corpus.py"), corpus], capture_output=True, text=True, check=True
+        ).stdout.split("\t")[0].strip()
+    )
+    tree = work / f"{corpus}-{layout}"
+    if not (tree / ".velmora").exists():
+        shutil.rmtree(tree, ignore_errors=True)
+        shutil.copytree(source, tree, symlinks=True)
+        started = time.perf_counter()
+        subprocess.run(
+            [sys.executable, "-m", "velmora.cli", "index", "--layout", layout, "."],
+            cwd=tree, env=env, check=True, stdout=subprocess.DEVNULL,
+        )
+        print(f"indexed {corpus} ({layout}) in {time.perf_counter() - started:.0f} s", flush=True)
+    return tree
 
 
 def main() -> None:
     parser = argparse.ArgumentParser()
-    parser.add_argument("--copies", type=int, default=4)
-    parser.add_argument("--layout", action="append", choices=("code_chunks", "compressed"))
+    parser.add_argument("--corpus", action="append", choices=("stdlib", "large"))
+    parser.add_argument("--layout", action="append", choices=("compressed", "code_chunks"))
     parser.add_argument("--repeats", type=int, default=5)
-    parser.add_argument("--keep", type=Path, help="build the trees here and keep them")
+    parser.add_argument("--keep", type=Path, help="keep the indexed copies here, for later runs")
     args = parser.parse_args()
-    layouts = args.layout or ["code_chunks", "compressed"]
     work = args.keep or Path(tempfile.mkdtemp(prefix="velmora-bench-"))
-    rg = shutil.which("rg")
+    env = program_env()
+    rg, git = shutil.which("rg"), shutil.which("git")
+    assert rg and git, "rg and git are needed"
+    velmora = [sys.executable, "-m", "velmora.cli", "search", "code"]
+    ratios: dict[str, list[float]] = {}
+    print(f"{'corpus':<7} {'layout':<12} {'query':<21} {'velmora':>8} {'rg':>8} {'ratio':>6} "
+          f"{'goal':>5}  {'lines':>15}  peak MB")
+    try:
+        for corpus in args.corpus or ["stdlib", "large"]:
+            for layout in args.layout or ["compressed", "code_chunks"]:
+                tree = indexed_copy(corpus, layout, work, env)
+                column = ratios.setdefault(f"{corpus}, {layout}", [])
+                for label, flags, goal in QUERIES:
+                    commands = [
+                        ([*velmora, *flags[:-1], "--", flags[-1]], env),
+                        ([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None),
+                    ]
+                    if goal is None:
+                        commands.append(([git, "grep", "-n", "--column", "-P", flags[-1]], None))
+                    (ours, lines, peak), (theirs, their_lines, _), *grep = medians(
+                        commands, tree, args.repeats
+                    )
+                    goal = STDLIB_GOAL if corpus == "stdlib" else goal
+                    yardstick = grep[0][0] if goal is None else theirs
+                    goal = GIT_GREP_GOAL if goal is None else goal
+                    ratio = ours / yardstick
+                    column.append(ratio)
+                    mark = "" if ratio <= goal else " (goal not met)"
+                    against = " vs git grep -P" if grep and corpus != "stdlib" else ""
+                    print(f"{corpus:<7} {layout:<12} {label:<21} {ours:7.2f}s {theirs:7.2f}s "
+                          f"{ratio:6.2f} {goal:5.1f}  {lines:>7}/{their_lines:<7}  {peak}{mark}{against}",
+                          flush=True)
+    finally:
+        if not args.keep:
+            shutil.rmtree(work, ignore_errors=True)
+    chart(ratios)
 
-    trees = {"stdlib": work / "stdlib", f"stdlib x{args.copies}": work / "stdlib_copies"}
-    if not trees["stdlib"].exists():
-        copy_stdlib(trees["stdlib"])
-    if not trees[f"stdlib x{args.copies}"].exists():
-        for n in range(args.copies):
-            copy_stdlib(trees[f"stdlib x{args.copies}"] / f"copy{n}")
 
-    env = program_env(work / "pycache")
-    floor, _, _ = best([([sys.executable, "-c", "pass"], env)], args.repeats)[0]
-    print(f"interpreter start-up (python -c pass): {floor * 1e3:.0f}ms")
-    print(f"{'tree':<12} {'layout':<12} {'query':<22} {'velmora':>9} {'rg':>9} {'rg/velmora':>10}  "
-          "lines  peak MB")
-    for layout in layouts:
-        for name, root in trees.items():
-            shutil.rmtree(root / ".velmora", ignore_errors=True)
-            summary = indexer.index(root, layout, progress=False)
-            print(f"{name:<12} {layout:<12} {'index':<22} {summary.seconds:8.1f}s "
-                  f"{summary.bytes / 1e6 / summary.seconds:6.1f} MB/s ({summary.bytes / 1e6:.0f} MB)")
-            for label, flags, query in QUERIES:
-                commands = [([sys.executable, "-m", "velmora.cli", "search", "code", *flags, "--", query, str(root)], env)]
-                if rg:
-                    rg_flags = [f for f in flags if f != "--regex"] + ([] if "--regex" in flags else ["-F"])
-                    commands.append(([rg, "-n", "--column", *rg_flags, "--", query, str(root)], None))
-                (ours, ours_lines, peak), *theirs = best(commands, args.repeats)
-                line = f"{name:<12} {layout:<12} {label:<22} {ours * 1e3:7.0f}ms"
-                if theirs:
-                    their_time, their_lines, _ = theirs[0]
-                    line += f" {their_time * 1e3:7.0f}ms {their_time / ours:9.2f}x  {ours_lines} / {their_lines}"
-                print(f"{line}  {peak}", flush=True)
-    if not args.keep:
-        shutil.rmtree(work)
+def chart(ratios: dict[str, list[float]]) -> None:
+    import matplotlib
+
+    matplotlib.use("Agg")
+    from matplotlib import pyplot
+
+    labels = [label for label, _, _ in QUERIES]
+    figure, axes = pyplot.subplots(figsize=(11, 4.5))
+    width = 0.8 / max(1, len(ratios))
+    for k, (name, values) in enumerate(ratios.items()):
+        axes.bar([i + k * width for i in range(len(values))], values, width, label=name)
+    axes.axhline(1.0, color="black", linewidth=0.8)
+    axes.set_xticks([i + width * (len(ratios) - 1) / 2 for i in range(len(labels))], labels,
+                    rotation=20, ha="right")
+    axes.set_ylabel("velmora wall ÷ rg wall\n(large, last query: ÷ git grep -P)")
+    axes.set_yscale("log")
+    axes.legend()
+    figure.tight_layout()
+    figure.savefig(CHART, dpi=100)
+    print(f"chart: {CHART}")
 
 
 if __name__ == "__main__":

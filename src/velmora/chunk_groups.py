@@ -46,10 +46,7 @@ def file_chunks(
     if plan is None:
         yield from _groups(db, store, files, None, with_last, holding)
         return
-    table = "code_chunks" if store == "code_chunks" else chunk_store.TRIGRAM_TABLE
-    rowids = array("q", sorted(row[0] for row in db.rows(
-        f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (plan,)
-    )))
+    rowids = array("q", sorted(chunk_store.matching_ids(db, plan, store)))
     with_chunks = {rowid // STRIDE for rowid in rowids}
     files = [row for row in files if row[0] in with_chunks or row[0] in keep]
     yield from _groups(db, store, files, rowids, with_last, holding)
@@ -106,8 +103,8 @@ def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool
     )
     if store == "code_chunks":
         return rows
-    decompress = chunk_store._decompress
-    return ((rowid, start, end, decompress(body), last) for rowid, start, end, body, last in rows)
+    decode = chunk_store._decoder(db)
+    return ((rowid, start, end, decode(body), last) for rowid, start, end, body, last in rows)
 
 
 # Makes a Chunk without the Python-level constructor of a named tuple.

@@ -24,11 +24,9 @@ _MAX_TRIGRAMS = 12
 # Trigrams in a whole plan; beyond it alternatives are dropped (which only widens the plan).
 _MAX_PLAN = 64
 
-# ASCII letters that a character beyond ASCII turns into when case is ignored (KELVIN SIGN
-# lower-cases to "k", U+0130 to "i" and a dot; under re.IGNORECASE LONG S matches "s" and
-# DOTLESS I "i"), so the index's ASCII case folding does not cover them; nor does it cover
-# the dot that U+0130 leaves after its "i".
-_UNFOLDED = frozenset("iksIKS\u0307")
+# ASCII letters that re.IGNORECASE matches with a character beyond ASCII (KELVIN SIGN, DOTTED
+# and DOTLESS I, LONG S), which the index's ASCII case folding does not cover.
+_UNFOLDED = frozenset("iksIKS")
 
 
 class _Piece(NamedTuple):
@@ -46,9 +44,26 @@ def needle_plan(needle: str, case_sensitive: bool) -> str | None:
     """The full-text query for a plain search (``needle`` lower-cased when case is ignored);
     None when the index cannot narrow it."""
     piece = _EMPTY
-    for char in needle:
-        piece = _concat(piece, _char(char, not case_sensitive))
+    for at, char in enumerate(needle):
+        if case_sensitive:
+            piece = _concat(piece, _char(char, False))
+        else:
+            piece = _concat(piece, _lowered_char(char, needle[at + 1 : at + 2]))
     return _fts(_bounded(_final(piece)))
+
+
+# Characters that lower-case to a letter but are neither its upper nor its title case.
+_LOWERED_FROM = {"k": "\u212a", "\u03b8": "\u03f4", "\u00df": "\u1e9e", "\u03c9": "\u2126", "\u00e5": "\u212b"}
+
+
+def _lowered_char(char: str, following: str) -> _Piece:
+    """A character of a lower-cased needle, as the characters of a line that lower-case to it."""
+    if char == "\u0307" or (char == "i" and following in ("", "\u0307")):
+        return _UNKNOWN  # may come from U+0130, which lower-cases to "i" and this dot
+    variants = {char, *_LOWERED_FROM.get(char, "")}
+    if not char.isascii():  # the index folds ASCII letters itself
+        variants.update(other for other in (char.upper(), char.title()) if len(other) == 1)
+    return _alternatives([_char(variant, False) for variant in sorted(variants)])
 
 
 def pattern_plan(pattern: re.Pattern[str]) -> str | None:
@@ -94,13 +109,14 @@ def _node(op: str, arg, flags: int) -> _Piece:
 
 
 def _char(char: str, ignore_case: bool) -> _Piece:
+    """A character of a regex (or of a needle that keeps its case)."""
     if ignore_case:
         if char.isascii():
             if char in _UNFOLDED:
                 return _UNKNOWN
             char = char.lower()  # the index folds ASCII case itself
-        elif char in _UNFOLDED or not char.lower() == char.upper() == char:
-            # A cased letter beyond ASCII: the index's case folding may differ from re's.
+        elif not char.lower() == char.upper() == char:
+            # A cased letter beyond ASCII: re's case rules reach further than its cases.
             return _UNKNOWN
     # The index holds a NUL as a space.
     return _Piece(frozenset([" " if char == "\0" else char]), frozenset(), frozenset(), None)
