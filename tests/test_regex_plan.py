@@ -136,7 +136,7 @@ def tree(request, tmp_path_factory):
 @pytest.mark.parametrize(("text", "regex", "ignore_case"), QUERIES)
 @pytest.mark.parametrize("context", [0, 2])
 def test_a_search_finds_what_a_plain_scan_finds(tree, text, regex, ignore_case, context):
-    query = Query.parse(text, regex=regex, ignore_case=ignore_case)
+    query = Query.parse(text, fixed=not regex, ignore_case=ignore_case)
     db = schema.open_index(schema.index_path(tree))
     try:
         results, reason = search(db, query, select_files(db), before=context, after=context)
