@@ -1,10 +1,6 @@
-"""Hypothesis strategies shared by the differential tests.
-
-The alphabets lean hard on what the text rules are picky about: every line boundary (and
-CR LF), NUL, case mappings that change length or are context dependent, astral characters
-and lone surrogates. Anything meant for a real SQLite index must be drawn with
-``surrogates=False``: sqlite3 cannot bind a lone surrogate.
-"""
+"""Hypothesis strategies shared by the differential tests: text thick with what the text rules
+are picky about. Anything for a real SQLite index is drawn with ``surrogates=False``: sqlite3
+cannot bind a lone surrogate."""
 
 from __future__ import annotations
 

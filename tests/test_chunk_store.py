@@ -72,26 +72,6 @@ def test_compressed_rows_and_file_rows(tmp_path):
     assert chunk_store.file_rows(db, 50 * STRIDE, 51 * STRIDE) == []
 
 
-@pytest.mark.parametrize(
-    "needle, chunk_ids",
-    [
-        ("hello_world", {STRIDE}),  # case folded
-        ('"text"', {STRIDE}),  # quotes are literal
-        ("with nul", {STRIDE + 1}),  # a NUL is searchable as a space
-        ("ÉCOLE", {3 * STRIDE}),
-        ("% of a_b", {3 * STRIDE + 1}),  # no wildcards
-        ("needle", {3 * STRIDE + 1, 3 * STRIDE + 2}),
-        ("NOT there", set()),
-        ("AND", set()),  # not an operator
-    ],
-)
-def test_matching_rows_narrows_through_the_trigram_index(tmp_path, needle, chunk_ids):
-    db = make_db(tmp_path / "i.db", "compressed")
-    rows = list(chunk_store.matching_rows(db, chunk_store.trigram_query(needle), {1, 2, 3}))
-    assert {row[0] for row in rows} == chunk_ids
-    assert all(row in expected_rows(FILES, FILES) for row in rows)
-
-
 @pytest.mark.parametrize("store", ["compressed", "code_chunks"])
 def test_drop_chunks_forgets_the_file_and_only_it(tmp_path, store):
     db = make_db(tmp_path / "i.db", store)

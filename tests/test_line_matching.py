@@ -50,6 +50,11 @@ def test_plain_matches_the_model(lines: list[str], choice: Any, case_sensitive: 
     assert_same_matches(lines, needle, None, case_sensitive)
 
 
+@pytest.mark.parametrize("needle", ["ik", "iki", "xik", "ki", "k"])
+def test_a_dotted_capital_i_is_an_i_only_at_the_needles_end(needle: str) -> None:
+    assert_same_matches(["\u0130k", "x\u0130ki", "\u0130\u0130k", "K\u0130", "\u212a\u0130"], needle, None, False)
+
+
 @given(lines=st.lists(st.text(alphabet="abAB", max_size=100) | st.text(alphabet="abkiKI\u212a\u0130\u00e9", max_size=70),
                       max_size=4),
        choice=st.data())

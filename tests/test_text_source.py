@@ -3,7 +3,6 @@ text_source call by call, and rows as a database (or chunk_store) might hand the
 
 from __future__ import annotations
 
-import sqlite3
 from pathlib import Path
 from typing import Any
 
@@ -124,26 +123,3 @@ def test_rows_are_taken_as_the_model_takes_them(rows: list[Any], searched: list[
             return candidates, outcome(lambda: shape(chunks.lines(searched[0] if searched else 0, "f"))), db.calls
 
         assert run(native) == run(model)
-
-
-def row_object(values: tuple[Any, ...]) -> sqlite3.Row:
-    connection = sqlite3.connect(":memory:")
-    connection.row_factory = sqlite3.Row
-    return connection.execute("SELECT ?, ?", values).fetchone()
-
-
-@pytest.mark.parametrize(
-    "row",
-    [(0, " 3, 4 ,+5,1_000"), (0, "12345678901234567890123,-0,007"), (0, "\u0663,\uff17"), (0, "3,x"),
-     (0, "3.5"), (True, b"4,5"), (2.9, 0.0), ("x", "1"), [3, "1,2"], row_object((1, "8,9")), (0,), (), 7, None],
-)
-@pytest.mark.parametrize("table", [None, 42, type("Named", (str,), {})("chunk_blobs")])
-def test_odd_chunk_states_read_as_in_the_model(row: Any, table: Any, monkeypatch: pytest.MonkeyPatch) -> None:
-    if table is not None:
-        monkeypatch.setattr(chunk_store, "COMPRESSED_TABLE", table)
-
-    def run(impl: Any) -> Any:
-        db = FakeDatabase(one=row)
-        return outcome(lambda: shape(impl._chunk_state(db, "compressed" if table else "code_chunks"))), db.calls
-
-    assert run(native) == run(model)

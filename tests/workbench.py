@@ -1,12 +1,7 @@
 """Every entry point of the module, with good and bad values for each of its parameters, and a
-small repository on disk with its indexes to call them on; shared by the bad-input and leak tests.
-
-The repository holds a chunked file, a file whose text the index keeps on disk, a file with
-a NUL, a file over the size that is read in slices, a symbolic link, a directory and a file
-whose name is not UTF-8. Its indexes are real SQLite databases: one per chunk layout, one
-in which a file lacks its chunks, one without a chunk table, one without any table, and one
-that a second connection holds under an exclusive lock.
-"""
+small repository with its indexes to call them on (one per chunk layout, one lacking a file's
+chunks, one without a chunk table, one without any table, one locked by another connection);
+shared by the bad-input and leak tests."""
 
 from __future__ import annotations
 
@@ -258,13 +253,6 @@ class Target:
     fields: dict[str, tuple[str, Any]] = field(default_factory=dict)  # of a method's object
 
 
-def loading(b: Workbench, impl: Any) -> Any:
-    """A DiskText of a subclass whose _load gives its field `answer`."""
-    made = type("Loading", (impl.DiskText,), {"_load": lambda self, file_id, path: self.answer})(b.repo, "key", True)
-    made.answer = ["a"]
-    return made
-
-
 def chunk_text(b: Workbench, impl: Any) -> Any:
     db = b.index["code_chunks"]
     candidates = impl._candidate_chunks(db, "code_chunks", FILES, "key", True)
@@ -314,8 +302,9 @@ TARGETS: dict[str, Target] = {
         fields={"_root": ("path", Fresh(lambda b, impl: b.repo)), "_needle": ("needle", "key"),
                 "_case_sensitive": ("flag", True), "_read": ("read", None)}),
     "DiskText._load": Target(lambda b, impl: impl.DiskText(b.repo, None, True)._load, ID_AND_PATH),
-    "DiskText.segments of a subclass": Target(
-        lambda b, impl: loading(b, impl).segments, ID_AND_PATH, fields={"answer": ("lines", ["a"])}),
+    "DiskText.segments of a subclass": Target(  # whose _load gives its field `answer`
+        lambda b, impl: type("Loading", (impl.DiskText,), {"_load": lambda self, i, p: self.answer, "answer": ["a"]})(
+            b.repo, "key", True).segments, ID_AND_PATH, fields={"answer": ("lines", ["a"])}),
     "ChunkText": Target(
         lambda b, impl: impl.ChunkText,
         {"db": ("db", CODE_CHUNKS), "store": ("store", "code_chunks"), "candidates": ("candidates", {1: []}),
