@@ -123,3 +123,10 @@ def test_rows_are_taken_as_the_model_takes_them(rows: list[Any], searched: list[
             return candidates, outcome(lambda: shape(chunks.lines(searched[0] if searched else 0, "f"))), db.calls
 
         assert run(native) == run(model)
+
+
+def test_rows_out_of_row_id_order_come_back_in_it() -> None:
+    rows = [(S + 1, 65, 65, "b", 1), (S, 1, 64, "a", 0)]
+    for impl in (native, model):
+        assert impl._candidate_chunks(FakeDatabase(rows=rows), "code_chunks", [(1,)], None, True) == {
+            1: [impl.Segment(1, ["a"], False), impl.Segment(65, ["b"], True)]}
