@@ -79,27 +79,34 @@ def text_lines(
         return "".join([
             f"{shown_path}:{line}:{column + 1}:{lines[0][1]}\n" for line, column, lines in hits
         ])
+    lines = _lines_shown(hits)
+    columns = {hit.line: hit.column for hit in hits}
+    if fix_columns:
+        columns = {number: column_in_line(query, lines[number], column) for number, column in columns.items()}
     if color:
         shown_path = f"{PATH}{shown_path}{RESET}"
-    matched = {hit.line: hit.column for hit in hits}
-    printed = 0
     out: list[str] = []
-    for hit in hits:
-        for number, text in hit.context:
-            if number <= printed:
-                continue
-            if context and printed and number > printed + 1:
-                out.append("--\n")
-            printed = number
-            shown_number = f"{NUMBER}{number}{RESET}" if color else number
-            if number in matched:
-                column = column_in_line(query, text, matched[number]) + 1
-                if color:
-                    text = _highlight(text, match_spans(query, text))
-                out.append(f"{shown_path}:{shown_number}:{column}:{text}\n")
-            else:
-                out.append(f"{shown_path}-{shown_number}-{text}\n")
+    after = next(iter(lines))
+    for number, text in lines.items():
+        if number != after and context:
+            out.append("--\n")
+        after = number + 1
+        shown_number = f"{NUMBER}{number}{RESET}" if color else number
+        if number in columns:
+            if color:
+                text = _highlight(query, text)
+            out.append(f"{shown_path}:{shown_number}:{columns[number] + 1}:{text}\n")
+        else:
+            out.append(f"{shown_path}-{shown_number}-{text}\n")
     return "".join(out)
+
+
+def _lines_shown(hits: list[Hit]) -> dict[int, str]:
+    # Contexts overlap and follow one another: merged, each line once, in order.
+    lines: dict[int, str] = {}
+    for hit in hits:
+        lines.update(hit.context)
+    return lines
 
 
 def _matched_text(hit: Hit) -> str:
@@ -107,9 +114,11 @@ def _matched_text(hit: Hit) -> str:
     return hit.context[hit.line - hit.context[0][0]][1]
 
 
-def _highlight(line: str, spans: list[tuple[int, int]]) -> str:
+def _highlight(query: Query, line: str) -> str:
+    if query.case_sensitive and query.needle:
+        return line.replace(query.needle, f"{MATCH}{query.needle}{RESET}")
     pieces, done = [], 0
-    for start, end in spans:
+    for start, end in match_spans(query, line):
         if end > start:
             pieces += [line[done:start], MATCH, line[start:end], RESET]
             done = end
@@ -138,42 +147,41 @@ def json_records(
         starts = list(accumulate(sizes, initial=0))
     matched = {hit.line for hit in hits}
     out = [f'{{"type":"begin","data":{path}}}}}\n']
-    printed = matches = 0
-    for hit in hits:
-        for number, line in hit.context:
-            if number <= printed:
-                continue
-            printed = number
-            if number <= len(parts):
-                part = parts[number - 1]
-                line_end = part[len(part.splitlines()[0]) :]
-                offset: int | str = starts[number - 1]
-            else:
-                line_end, offset = "\n", "null"
-            if number in matched:
-                kind, spans = "match", match_spans(query, line)
-                matches += len(spans)
-            else:
-                kind, spans = "context", []
+    matches = 0
+    for number, line in _lines_shown(hits).items():
+        if number <= len(parts):
+            part = parts[number - 1]
+            # The disk's line is the indexed one and its ending, unless its bytes are not UTF-8.
+            body = line if part.startswith(line) else part.splitlines()[0]
+            line_end = part[len(body) :]
+            offset: int | str = starts[number - 1]
+        else:
+            line_end, offset = "\n", "null"
+        if number in matched:
+            kind, spans = "match", match_spans(query, line)
+            matches += len(spans)
+            ascii_line = line.isascii()
             submatches = ",".join([
-                f'{{"match":{{"text":{quoted(line[start:end])}}},'
-                f'"start":{_size(line[:start])},"end":{_size(line[:end])}}}'
+                f'{{"match":{{"text":{quoted(line[start:end])}}},"start":'
+                f'{start if ascii_line else _size(line[:start])},'
+                f'"end":{end if ascii_line else _size(line[:end])}}}'
                 for start, end in spans
             ])
-            out.append(
-                f'{{"type":"{kind}","data":{path},"lines":{{"text":{quoted(line + line_end)}}},'
-                f'"line_number":{number},"absolute_offset":{offset},"submatches":[{submatches}]}}}}\n'
-            )
-    searched = len(data) if data is not None else 0
-    printed_bytes = sum(map(_size, out))
-    end_stats = _json_stats(elapsed, 1, 1, searched, printed_bytes, len(hits), matches)
-    out.append(f'{{"type":"end","data":{path},"binary_offset":null,"stats":{end_stats}}}}}\n')
+        else:
+            kind, submatches = "context", ""
+        out.append(
+            f'{{"type":"{kind}","data":{path},"lines":{{"text":{quoted(line + line_end)}}},'
+            f'"line_number":{number},"absolute_offset":{offset},"submatches":[{submatches}]}}}}\n'
+        )
+    block = "".join(out)
+    searched, printed = len(data) if data is not None else 0, _size(block)
+    end_stats = _json_stats(elapsed, 1, 1, searched, printed, len(hits), matches)
     totals.matches += matches
     totals.matched_lines += len(hits)
     totals.files_with_matches += 1
     totals.bytes_searched += searched
-    totals.bytes_printed += printed_bytes
-    return "".join(out)
+    totals.bytes_printed += printed
+    return f'{block}{{"type":"end","data":{path},"binary_offset":null,"stats":{end_stats}}}}}\n'
 
 
 def json_summary(totals: Stats, elapsed: float) -> str:
