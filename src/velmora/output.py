@@ -36,12 +36,13 @@ def match_spans(query: Query, line: str) -> list[tuple[int, int]]:
     if query.pattern is not None:
         return [found.span() for found in query.pattern.finditer(line)]
     needle = query.needle or ""
-    if query.case_sensitive or line.isascii():
-        return _find_all(line.lower() if not query.case_sensitive else line, needle)
+    if query.case_sensitive:
+        return _find_all(line, needle)
     lowered = line.lower()
     spans = _find_all(lowered, needle)
     if len(lowered) == len(line):
         return spans
+    # A letter such as İ lower-cases to two characters: the spans map back onto the line.
     origin = _origins(line)
     return [(origin[start], origin[end - 1] + 1 if end > start else origin[start]) for start, end in spans]
 
@@ -255,13 +256,13 @@ class Printer:
                     if self.context and self.found:
                         block = "--\n" + block
                 if totals is not None:
-                    self._count(path, hits, block, searched)
+                    self._count(hits, block, searched)
             write(block)
             self.found = True
             took = clock()
         return self.found
 
-    def _count(self, path: str, hits: list[Hit], block: str, searched: float) -> None:
+    def _count(self, hits: list[Hit], block: str, searched: float) -> None:
         totals = self.totals
         assert totals is not None
         totals.searching += searched
