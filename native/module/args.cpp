@@ -50,6 +50,27 @@ bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
     return true;
 }
 
+bool parse_tuple_and_dict(const ParamSpec& spec, PyObject* args, PyObject* kwargs, Owned& held,
+                          PyObject** out) {
+    const Py_ssize_t nargs = PyTuple_GET_SIZE(args);
+    const Py_ssize_t nkw = kwargs ? PyDict_GET_SIZE(kwargs) : 0;
+    held = Owned(PyTuple_New(nargs + nkw));
+    Owned kwnames(nkw ? PyTuple_New(nkw) : nullptr);
+    if (!held || (nkw && !kwnames)) return false;
+    for (Py_ssize_t i = 0; i < nargs; ++i) {
+        PyTuple_SET_ITEM(held.get(), i, Py_NewRef(PyTuple_GET_ITEM(args, i)));
+    }
+    Py_ssize_t position = 0, k = 0;
+    PyObject *key, *value;
+    while (nkw && PyDict_Next(kwargs, &position, &key, &value)) {
+        PyTuple_SET_ITEM(kwnames.get(), k, Py_NewRef(key));
+        PyTuple_SET_ITEM(held.get(), nargs + k, Py_NewRef(value));
+        ++k;
+    }
+    PyObject* const* values = nargs + nkw ? &PyTuple_GET_ITEM(held.get(), 0) : nullptr;
+    return parse_args(spec, values, nargs, kwnames.get(), out);
+}
+
 bool require_str(const char* function, const char* param, PyObject* value) {
     if (!PyUnicode_Check(value)) {
         PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str, not %.200s", function,

@@ -20,6 +20,10 @@ struct ParamSpec {
 // Fills out[0..count) with borrowed references (null for an absent optional one).
 bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
                 PyObject* kwnames, PyObject** out);
+// The same for the tuple and dict that tp_init receives, laid out as a vectorcall: `held`
+// takes the values, which out[] borrows from it.
+bool parse_tuple_and_dict(const ParamSpec& spec, PyObject* args, PyObject* kwargs, Owned& held,
+                          PyObject** out);
 
 template <size_t N>
 struct Params {
@@ -28,12 +32,25 @@ struct Params {
     Py_ssize_t positional = N;
     Py_ssize_t required = N;
 
+    ParamSpec spec() const {
+        return {function, names.data(), static_cast<Py_ssize_t>(N), positional, required};
+    }
     bool parse(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                std::array<PyObject*, N>& out) const {
-        const ParamSpec spec{function, names.data(), static_cast<Py_ssize_t>(N), positional, required};
-        return parse_args(spec, args, nargs, kwnames, out.data());
+        return parse_args(spec(), args, nargs, kwnames, out.data());
+    }
+    bool parse_tuple_and_dict(PyObject* args, PyObject* kwargs, Owned& held,
+                              std::array<PyObject*, N>& out) const {
+        return py::parse_tuple_and_dict(spec(), args, kwargs, held, out.data());
     }
 };
+
+// A function's C++ body as the PyCFunction that a PyMethodDef holds (CPython casts it back
+// by the flags).
+template <class F>
+PyCFunction method_function(F* f) {
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f));
+}
 
 // TypeError "f() argument 'x' must be str, not int" unless `value` is a str; readies it.
 bool require_str(const char* function, const char* param, PyObject* value);

@@ -370,7 +370,7 @@ PyObject* candidate_chunks(ModuleState* state, PyObject* db, PyObject* store, Py
 
 PyMethodDef candidate_chunks_def = {
     "_candidate_chunks",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(candidate_chunks_function)),
+    method_function(candidate_chunks_function),
     METH_FASTCALL | METH_KEYWORDS,
     "_candidate_chunks($module, /, db, store, files, needle, case_sensitive)\n--\n\n"
     "The chunks of the searched files that may hold a match, per file, by line.\n"

@@ -16,15 +16,6 @@ PyObject* probe_tail(ModuleState* state, const char* key) {
         key, state->stride);
 }
 
-// row[index], as the host's subscription gives it.
-PyObject* item(PyObject* row, Py_ssize_t index) {
-    if (PyTuple_CheckExact(row) && index < PyTuple_GET_SIZE(row)) {
-        return Py_NewRef(PyTuple_GET_ITEM(row, index));
-    }
-    Owned key(PyLong_FromSsize_t(index));
-    return key ? PyObject_GetItem(row, key.get()) : nullptr;
-}
-
 // int(piece) for one piece of the id list: plain digits are read here, anything else
 // (signs, blanks, underscores, other digits) the way int() reads it.
 template <class Char>
@@ -106,7 +97,7 @@ PyObject* chunk_state(ModuleState* state, PyObject* db, PyObject* store) {
 
 PyMethodDef chunk_state_def = {
     "_chunk_state",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(chunk_state_function)),
+    method_function(chunk_state_function),
     METH_FASTCALL | METH_KEYWORDS,
     "_chunk_state($module, /, db, store)\n--\n\n"
     "How many indexed files that should have chunks have none (the indexer writes at least one\n"

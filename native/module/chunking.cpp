@@ -42,13 +42,17 @@ PyObject* chunk_triple(const ChunkSpan& span, Owned text) {
     return triple.release();
 }
 
-PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static const Params<1> params{{"text"}, "code_chunks"};
+// The one argument, text, of `function`: a ready str, or null with an error set.
+PyObject* text_argument(const char* function, PyObject* const* args, Py_ssize_t nargs,
+                        PyObject* kwnames) {
+    const Params<1> params{{"text"}, function};
     std::array<PyObject*, 1> a;
-    if (!params.parse(args, nargs, kwnames, a) || !require_str("code_chunks", "text", a[0])) {
-        return nullptr;
-    }
-    PyObject* source = a[0];
+    return params.parse(args, nargs, kwnames, a) && require_str(function, "text", a[0]) ? a[0] : nullptr;
+}
+
+PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    PyObject* source = text_argument("code_chunks", args, nargs, kwnames);
+    if (source == nullptr) return nullptr;
     Owned chunks(PyList_New(0));
     if (!chunks) return nullptr;
     SignalCountdown countdown;  // a text may run to a GB
@@ -67,12 +71,8 @@ PyObject* code_chunks(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObje
 }
 
 PyObject* stored_text_bytes(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    static const Params<1> params{{"text"}, "stored_text_bytes"};
-    std::array<PyObject*, 1> a;
-    if (!params.parse(args, nargs, kwnames, a) || !require_str("stored_text_bytes", "text", a[0])) {
-        return nullptr;
-    }
-    PyObject* text = a[0];
+    PyObject* text = text_argument("stored_text_bytes", args, nargs, kwnames);
+    if (text == nullptr) return nullptr;
     if (PyUnicode_IS_ASCII(text)) {
         const auto* data = static_cast<const uint8_t*>(PyUnicode_DATA(text));
         return PyLong_FromUnsignedLongLong(
@@ -120,7 +120,7 @@ PyObject* lines_of_chunk(PyObject* start_line, PyObject* end_line, PyObject* tex
 }
 
 PyMethodDef code_chunks_def = {
-    "code_chunks", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(code_chunks)),
+    "code_chunks", method_function(code_chunks),
     METH_FASTCALL | METH_KEYWORDS,
     "code_chunks($module, /, text)\n--\n\n"
     "The chunks of a file's text: (first line, last line, text), in line order.\n"
@@ -135,7 +135,7 @@ PyMethodDef code_chunks_def = {
 
 PyMethodDef stored_text_bytes_def = {
     "stored_text_bytes",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(stored_text_bytes)),
+    method_function(stored_text_bytes),
     METH_FASTCALL | METH_KEYWORDS,
     "stored_text_bytes($module, /, text)\n--\n\n"
     "The UTF-8 bytes of a text as its chunks hold it: its lines joined by one LF each.\n"
@@ -148,7 +148,7 @@ PyMethodDef stored_text_bytes_def = {
     "    "};
 
 PyMethodDef file_rowids_def = {
-    "file_rowids", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(file_rowids)),
+    "file_rowids", method_function(file_rowids),
     METH_FASTCALL | METH_KEYWORDS,
     "file_rowids($module, /, file_id)\n--\n\n"
     "The row ids of a file's chunks, as a half-open range (first, end).\n"
@@ -161,7 +161,7 @@ PyMethodDef file_rowids_def = {
     "    "};
 
 PyMethodDef chunk_lines_def = {
-    "_chunk_lines", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(chunk_lines)),
+    "_chunk_lines", method_function(chunk_lines),
     METH_FASTCALL | METH_KEYWORDS,
     "_chunk_lines($module, /, start_line, end_line, text)\n--\n\n"
     "The lines of one stored chunk: its text split at each LF.\n"

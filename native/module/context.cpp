@@ -171,7 +171,7 @@ PyObject* context(PyObject* module, PyObject* const* args, Py_ssize_t nargs, PyO
 }  // namespace
 
 PyMethodDef context_def = {
-    "context", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(context)),
+    "context", method_function(context),
     METH_FASTCALL | METH_KEYWORDS,
     "context($module, /, lines, first, last, start=1)\n--\n\n"
     "Lines ``first`` to ``last`` (1-based, clipped to ``lines``), each with its number.\n"

@@ -24,6 +24,8 @@ PyObject* new_segment(ModuleState* state, PyObject* first, PyObject* lines, bool
 PyObject* make_file_row_alias();
 
 // Shared routines.
+// row[index], the host's subscription, without a call for an exact tuple.
+PyObject* item(PyObject* row, Py_ssize_t index);
 // (file_id * stride, (file_id + 1) * stride).
 PyObject* row_id_range(ModuleState* state, PyObject* file_id);
 // The lines of a stored chunk: text split at LF when end_line >= start_line, else [].

@@ -250,7 +250,7 @@ int intern_disk_names(ModuleState* state) {
 }
 
 PyMethodDef file_text_def = {
-    "_file_text", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(file_text)),
+    "_file_text", method_function(file_text),
     METH_FASTCALL | METH_KEYWORDS,
     "_file_text($module, /, path)\n--\n\n"
     "The text of an indexed file on disk (UTF-8, undecodable bytes replaced); None when it\n"
@@ -259,7 +259,7 @@ PyMethodDef file_text_def = {
 
 PyMethodDef lines_holding_def = {
     "_lines_holding",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(lines_holding_function)),
+    method_function(lines_holding_function),
     METH_FASTCALL | METH_KEYWORDS,
     "_lines_holding($module, /, path, needle, case_sensitive)\n--\n\n"
     "The lines of a file; None when it cannot be read or does not hold ``needle``.\n"

@@ -30,13 +30,6 @@ PyObject* execute_and_fetch(PyObject* cursor, const char* sql, PyObject* paramet
     return call_method(executed.get(), fetch);
 }
 
-// row[index], as the host's subscription gives it: a row that is a mapping is looked up by
-// key, as the plain code would.
-PyObject* item(PyObject* row, Py_ssize_t index) {
-    Owned key(PyLong_FromSsize_t(index));
-    return key ? PyObject_GetItem(row, key.get()) : nullptr;
-}
-
 // The ids of the selected files that the rule sends to disk, in row order.
 PyObject* marked_ids(ModuleState* state, PyObject* rows) {
     Owned marked(PyList_New(0));
@@ -134,7 +127,7 @@ PyObject* select_large_data_sql(PyObject* chunked_text_bytes_sql, Py_ssize_t lan
 
 PyMethodDef text_kept_on_disk_def = {
     "text_kept_on_disk",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(text_kept_on_disk)),
+    method_function(text_kept_on_disk),
     METH_FASTCALL | METH_KEYWORDS,
     "text_kept_on_disk($module, /, language, text_bytes)\n--\n\n"
     "Whether the index keeps a file's text on disk rather than in its chunks.\n"
@@ -150,7 +143,7 @@ PyMethodDef text_kept_on_disk_def = {
 
 PyMethodDef keep_large_data_on_disk_def = {
     "keep_large_data_on_disk",
-    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(keep_large_data_on_disk)),
+    method_function(keep_large_data_on_disk),
     METH_FASTCALL | METH_KEYWORDS,
     "keep_large_data_on_disk($module, /, cursor)\n--\n\n"
     "Drop the chunks of the large data files and mark their text as kept on disk.\n"

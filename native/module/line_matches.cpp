@@ -28,16 +28,15 @@
 namespace velmora::py {
 namespace {
 
+// The call's arguments; iter(lines), for lines that are not an exact list; pattern.search,
+// bound once for an re.Pattern; and text that every match of the pattern holds, if known.
+#define VELMORA_LINE_MATCHES_FIELDS(X) \
+    X(lines) X(needle) X(pattern) X(case_sensitive) X(iterator) X(search) X(literal)
+
 struct LineMatches {
     PyObject_HEAD
+    VELMORA_FIELDS(VELMORA_LINE_MATCHES_FIELDS)
     ModuleState* state;  // of the module that made the type, which the type keeps alive
-    PyObject* lines;
-    PyObject* needle;
-    PyObject* pattern;
-    PyObject* case_sensitive;
-    PyObject* iterator;  // iter(lines), for lines that are not an exact list
-    PyObject* search;    // pattern.search, bound once for an re.Pattern
-    PyObject* literal;   // text that every match of the pattern holds, if known
     core::FoldedNeedle folded;  // the needle, when it is an ASCII str
     SignalCountdown countdown;  // one next() may scan millions of lines
     Py_ssize_t index;    // the next list index, for an exact list
@@ -47,31 +46,6 @@ struct LineMatches {
     bool running;
     bool ascii_needle;
 };
-
-int traverse(PyObject* self, visitproc visit, void* arg) {
-    auto* it = reinterpret_cast<LineMatches*>(self);
-    Py_VISIT(Py_TYPE(self));
-    Py_VISIT(it->lines);
-    Py_VISIT(it->needle);
-    Py_VISIT(it->pattern);
-    Py_VISIT(it->case_sensitive);
-    Py_VISIT(it->iterator);
-    Py_VISIT(it->search);
-    Py_VISIT(it->literal);
-    return 0;
-}
-
-int clear(PyObject* self) {
-    auto* it = reinterpret_cast<LineMatches*>(self);
-    Py_CLEAR(it->lines);
-    Py_CLEAR(it->needle);
-    Py_CLEAR(it->pattern);
-    Py_CLEAR(it->case_sensitive);
-    Py_CLEAR(it->iterator);
-    Py_CLEAR(it->search);
-    Py_CLEAR(it->literal);
-    return 0;
-}
 
 // The next line as a new reference; null at the end (no error) or on an error.
 PyObject* next_line(LineMatches* it) {
@@ -380,17 +354,15 @@ PyObject* iternext(PyObject* self) {
     it->running = false;
     if (match == nullptr) {
         it->finished = true;
-        clear(self);
+        gc_clear<LineMatches>(self);
     }
     return match;
 }
 
 PyType_Slot line_matches_slots[] = {
-    {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
-    {Py_tp_clear, reinterpret_cast<void*>(clear)},
-    {Py_tp_dealloc, reinterpret_cast<void*>(gc_dealloc<clear>)},
-    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
-    {Py_tp_iternext, reinterpret_cast<void*>(iternext)},
+    VELMORA_GC_SLOTS(LineMatches),
+    {Py_tp_iter, slot_function(PyObject_SelfIter)},
+    {Py_tp_iternext, slot_function(iternext)},
     {0, nullptr},
 };
 
@@ -412,13 +384,11 @@ PyObject* line_matches(PyObject* module, PyObject* const* args, Py_ssize_t nargs
     auto* it = PyObject_GC_New(LineMatches, type);
     if (it == nullptr) return nullptr;
     it->state = state;
+    it->each_field([](PyObject*& field, const char*) { field = nullptr; });
     it->lines = Py_NewRef(a[0]);
     it->needle = Py_NewRef(a[1]);
     it->pattern = Py_NewRef(a[2]);
     it->case_sensitive = Py_NewRef(a[3]);
-    it->iterator = nullptr;
-    it->search = nullptr;
-    it->literal = nullptr;
     it->folded = core::FoldedNeedle{nullptr, 0, false};
     it->countdown = SignalCountdown{};
     it->ascii_needle = false;
@@ -438,7 +408,7 @@ PyObject* make_line_matches_type(PyObject* module) {
 }
 
 PyMethodDef line_matches_def = {
-    "line_matches", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(line_matches)),
+    "line_matches", method_function(line_matches),
     METH_FASTCALL | METH_KEYWORDS,
     "line_matches($module, /, lines, needle, pattern, case_sensitive)\n--\n\n"
     "The line number and column of the first match on each line that matches.\n"

@@ -1,4 +1,5 @@
-// Segment and FileRow, the records the module passes around.
+// Segment and FileRow, the records the module passes around, and the reading of the rows
+// the host hands over.
 #include "module/definitions.hpp"
 
 namespace velmora::py {
@@ -35,6 +36,14 @@ PyObject* new_segment(ModuleState* state, PyObject* first, PyObject* lines, bool
     PyTuple_SET_ITEM(segment, 1, Py_NewRef(lines));
     PyTuple_SET_ITEM(segment, 2, Py_NewRef(last ? Py_True : Py_False));
     return segment;
+}
+
+PyObject* item(PyObject* row, Py_ssize_t index) {
+    if (PyTuple_CheckExact(row) && index < PyTuple_GET_SIZE(row)) {
+        return Py_NewRef(PyTuple_GET_ITEM(row, index));
+    }
+    Owned key(PyLong_FromSsize_t(index));
+    return key ? PyObject_GetItem(row, key.get()) : nullptr;
 }
 
 PyObject* make_file_row_alias() {

@@ -97,7 +97,7 @@ int init_index_side(ModuleState* state) {
 }
 
 PyMethodDef text_source_def = {
-    "text_source", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(text_source)),
+    "text_source", method_function(text_source),
     METH_FASTCALL | METH_KEYWORDS,
     "text_source($module, /, db, files, needle, case_sensitive, *, store)\n--\n\n"
     "Where a text search reads the files: their chunks in the index, or the disk.\n"
