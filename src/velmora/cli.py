@@ -87,6 +87,16 @@ def _parser() -> argparse.ArgumentParser:
         "code", help="find lines matching a pattern in the indexed files",
         usage="%(prog)s [OPTIONS] PATTERN [PATH ...]\n       %(prog)s [OPTIONS] -e PATTERN ... [PATH ...]",
     ))
+
+    serve = commands.add_parser("serve", help="serve a search page and a JSON API")
+    serve.add_argument("repos", nargs="*", metavar="REPO", help="the repositories (default: .)")
+    serve.add_argument("--host", default="127.0.0.1", help="the address to listen on")
+    serve.add_argument("--port", type=_count, default=8080, help="the port to listen on")
+    serve.add_argument("--workers", type=_count, default=2, metavar="N",
+                       help="search processes (a search past its deadline costs one)")
+    serve.add_argument("--timeout", type=_seconds, default=10.0, metavar="SECONDS",
+                       help="stop a search that runs longer than this")
+    serve.set_defaults(run=_serve)
     return parser
 
 
@@ -185,6 +195,13 @@ def _count(text: str) -> int:
     return int(text)
 
 
+def _seconds(text: str) -> float:
+    value = float(text)
+    if not value > 0:
+        raise argparse.ArgumentTypeError(f"not a number of seconds: {text}")
+    return value
+
+
 def _repo(text: str | None) -> Path:
     return find_root(text or ".")
 
@@ -271,6 +288,20 @@ def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:
         prefix = target.relative_to(root).as_posix()
         limits.append((text.rstrip("/") or text, "" if prefix == "." else prefix))
     return root, limits
+
+
+def _serve(args: argparse.Namespace) -> int:
+    from velmora import server
+
+    # A server runs for days: the cycles that asyncio and its exceptions make need the
+    # collector that a one-off search goes without.
+    gc.enable()
+    roots = list(dict.fromkeys(_repo(text) for text in args.repos or ["."]))
+    print(f"velmora: serving {len(roots)} repositories on http://{args.host}:{args.port}/",
+          file=sys.stderr)
+    server.serve(roots, host=args.host, port=args.port, workers=max(args.workers, 1),
+                 timeout=args.timeout)
+    return 0
 
 
 def _shown(limits: list[tuple[str, str]]) -> Callable[[str], str]:
