@@ -1,0 +1,98 @@
+"""`velmora serve`'s API, through HTTP, against a server over two repositories."""
+
+from __future__ import annotations
+
+import json
+import time
+
+import pytest
+
+from live_server import get, make_repo, records, serving
+
+FILES = {
+    "app.py": "import os\n\ndef needle():\n    return os.sep\n\nneedle()\n",
+    "page.html": "<script>alert(1)</script>\n",
+    "lib/util.txt": "the needle and the NEEDLE\n",
+    "slow.txt": "a" * 64 + "\n",
+}
+
+
+@pytest.fixture(scope="module")
+def server(tmp_path_factory):
+    first = make_repo(tmp_path_factory.mktemp("first"), FILES)
+    second = make_repo(tmp_path_factory.mktemp("second"), {"only.txt": "needle in second\n"})
+    with serving(first, second, timeout=2) as base:
+        yield base, first, second.name
+
+
+def test_search_streams_rg_records_up_to_the_limit(server):
+    base, _, _ = server
+    found = records(base, q="needle", context=1)
+    assert [r["type"] for r in found] == [
+        "begin", "context", "match", "context", "context", "match", "end",
+        "begin", "match", "end", "summary"]
+    match = found[2]["data"]
+    assert match["path"]["text"] == "app.py" and match["line_number"] == 3
+    assert match["submatches"] == [{"match": {"text": "needle"}, "start": 4, "end": 10}]
+    assert found[-1]["data"]["matches"] == 3
+    limited = records(base, q="needle", limit=2)
+    assert limited[-1]["data"] | {"elapsed_ms": 0} == {
+        "repo": server[1].name, "matches": 2, "files": 1, "limited": True, "reason": None,
+        "elapsed_ms": 0}
+
+
+@pytest.mark.parametrize(("params", "lines"), [
+    ({"q": "NEEDLE", "case": "0", "glob": "*.txt"}, [("lib/util.txt", 1)]),
+    ({"q": "need", "word": "1"}, []),
+    ({"q": "os.sep", "fixed": "1"}, [("app.py", 4)]),
+    ({"q": r"^\w+\(\)$"}, [("app.py", 6)]),
+])
+def test_options(server, params, lines):
+    found = records(server[0], **params)
+    assert [(r["data"]["path"]["text"], r["data"]["line_number"])
+            for r in found if r["type"] == "match"] == lines
+
+
+def test_repositories_are_served_side_by_side(server):
+    base, _, second = server
+    found = records(base, q="needle", repo=second)
+    assert found[1]["data"]["path"]["text"] == "only.txt"
+    status = json.loads(get(base + "api/status")[1])
+    assert [repo["name"] for repo in status["repositories"]] == [server[1].name, second]
+
+
+def test_file_text_only_for_indexed_paths(server):
+    base = server[0]
+    status, body = get(base + "api/file", path="page.html")
+    assert status == 200 and json.loads(body)["text"] == FILES["page.html"].rstrip("\n")
+    for path in ["../first/app.py", "/etc/passwd", "lib", ".git/config", "lib//util.txt"]:
+        assert get(base + "api/file", path=path)[0] == 404, path
+
+
+@pytest.mark.parametrize(("params", "reason"), [
+    ({"q": ""}, "empty"),
+    ({"q": "x" * 1001}, "longer than"),
+    ({"q": "(a"}, "invalid regex"),
+    ({"q": "a", "context": "-1"}, "context must be"),
+    ({"q": "a", "limit": "0"}, "limit must be"),
+    ({"q": "a", "case": "maybe"}, "case must be"),
+    ({"q": "a", "repo": "nowhere"}, "no such repository"),
+    ({"q": r"(a+)+\d"}, "stopped"),  # runs for ever on slow.txt
+])
+def test_bad_requests_get_a_reason(server, params, reason):
+    status, body = get(server[0] + "api/search", **params)
+    assert 400 <= status < 500 and reason in json.loads(body)["error"]
+    # The server goes on, the stopped search's worker replaced.
+    assert records(server[0], q="needle")[-1]["data"]["matches"] == 3
+
+
+def test_answers_follow_the_files(server):
+    base, root, _ = server
+    (root / "lib/util.txt").unlink()
+    (root / "new.py").write_text("fresh = 'needle'\n")
+    for _ in range(300):  # the tree's watcher reports changes within a moment
+        paths = {r["data"]["path"]["text"] for r in records(base, q="needle") if r["type"] == "begin"}
+        if paths == {"app.py", "new.py"}:
+            break
+        time.sleep(0.1)
+    assert paths == {"app.py", "new.py"}
