@@ -116,8 +116,7 @@ def _records(path: str, hits: list[Hit], query: Query) -> str:
     out = [{"type": "begin", "data": {"path": shown}}]
     printed = 0
     for hit in hits:
-        for record in hit.context:
-            number, content = record["line"], record["content"]
+        for number, content in hit.context:
             if number <= printed:
                 continue
             printed = number
