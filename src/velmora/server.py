@@ -6,6 +6,7 @@ import asyncio
 import json
 import multiprocessing
 import re
+import sys
 import time
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
 from contextlib import asynccontextmanager
@@ -40,6 +41,8 @@ DEFAULT_TIMEOUT = 10.0
 # How often a waiting request looks up from the worker's pipe, so that a client that
 # went away frees its worker promptly.
 _POLL_SECONDS = 0.25
+# How long start-up waits for the trees' watchers before indexing without them.
+_WATCHER_START_SECONDS = 10.0
 
 _SECURITY_HEADERS = [
     (b"content-security-policy", b"default-src 'self'; img-src 'self' data:; object-src 'none'"),
@@ -222,10 +225,10 @@ class _Tree:
 
     name: str
     root: Path
-    # Until its watcher runs (or if it stops), every request refreshes the index: it may
-    # have fallen behind while no server watched.
-    dirty: bool = True
-    watched: bool = False
+    dirty: bool = False
+    # Set while the watcher runs: without it (not yet, or no longer) every request
+    # refreshes the index, which costs seconds on a large tree but stays correct.
+    watched: asyncio.Event = field(default_factory=asyncio.Event)
     lock: asyncio.Lock = field(default_factory=asyncio.Lock)
 
     async def watch(self) -> None:
@@ -241,14 +244,14 @@ class _Tree:
                 self.root, watch_filter=outside_index, step=20, debounce=200,
                 rust_timeout=1000, yield_on_timeout=True,
             ):
-                self.watched = True
                 self.dirty = self.dirty or bool(changes)
+                self.watched.set()
         finally:
-            self.watched = False
+            self.watched.clear()
 
     async def fresh(self) -> None:
         async with self.lock:
-            if self.dirty or not self.watched:
+            if self.dirty or not self.watched.is_set():
                 self.dirty = False
                 await anyio.to_thread.run_sync(lambda: indexer.index(self.root, progress=False))
 
@@ -258,14 +261,24 @@ class _Tree:
 
 def create_app(roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFAULT_TIMEOUT
                ) -> Starlette:
-    """The application over the indexed repositories at ``roots`` (each indexed already)."""
+    """The application over the repositories at ``roots``, indexed as it starts."""
     trees = [_Tree(_names(roots)[n], root) for n, root in enumerate(roots)]
     pool = Workers(roots, workers)
 
     @asynccontextmanager
     async def lifespan(app: Starlette) -> AsyncIterator[None]:
-        pool.start()
         watchers = [asyncio.create_task(tree.watch()) for tree in trees]
+        # Indexed once the watchers are in place, so that no change falls between the two.
+        _, late = await asyncio.wait(
+            [asyncio.create_task(tree.watched.wait()) for tree in trees],
+            timeout=_WATCHER_START_SECONDS,
+        )
+        for waiting in late:
+            waiting.cancel()
+        for tree in trees:
+            summary = await anyio.to_thread.run_sync(indexer.index, tree.root)
+            print(f"{tree.name}: {summary.line()}", file=sys.stderr)
+        pool.start()
         try:
             yield
         finally:
@@ -436,9 +449,6 @@ class _SecurityHeaders:
 
 
 def serve(roots: Sequence[Path], *, host: str, port: int, workers: int, timeout: float) -> None:
-    """Index what is not indexed yet, then answer until interrupted."""
-    for root in roots:
-        if not schema.index_path(root).exists():
-            indexer.index(root)
-    app = create_app(roots, workers=workers, timeout=timeout)
-    uvicorn.run(app, host=host, port=port, log_level="warning")
+    """Answer until interrupted."""
+    uvicorn.run(create_app(roots, workers=workers, timeout=timeout), host=host, port=port,
+                log_level="warning")
