@@ -297,8 +297,8 @@ def _serve(args: argparse.Namespace) -> int:
     # collector that a one-off search goes without.
     gc.enable()
     roots = list(dict.fromkeys(_repo(text) for text in args.repos or ["."]))
-    print(f"velmora: serving {len(roots)} repositories on http://{args.host}:{args.port}/",
-          file=sys.stderr)
+    shown = " ".join(str(root) for root in roots)
+    print(f"velmora: serving {shown} on http://{args.host}:{args.port}/", file=sys.stderr)
     server.serve(roots, host=args.host, port=args.port, workers=max(args.workers, 1),
                  timeout=args.timeout)
     return 0

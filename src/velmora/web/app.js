@@ -60,6 +60,8 @@ function fileLink(state, path, line) {
   return "?" + link;
 }
 
+const counted = (n, noun) => `${n} ${noun}${n === 1 ? "" : noun.endsWith("h") ? "es" : "s"}`;
+
 function setSummary(text, isError) {
   summary.textContent = text;
   summary.classList.toggle("error", Boolean(isError));
@@ -113,7 +115,7 @@ async function runSearch(state) {
     } else if (record.type === "summary") {
       finished = true;
       const limited = data.limited ? ` (stopped at ${LIMIT})` : "";
-      setSummary(`${data.matches} matches${limited} in ${data.files} files · ${data.repo}` + (data.reason ? ` · ${data.reason}` : ""));
+      setSummary(`${counted(data.matches, "match")}${limited} in ${counted(data.files, "file")} · ${data.repo}` + (data.reason ? ` · ${data.reason}` : ""));
     } else if (record.type === "error") {
       finished = true;
       setSummary(data.message, true);
@@ -128,7 +130,7 @@ async function runSearch(state) {
       const parts = buffer.split("\n");
       buffer = parts.pop();
       for (const part of parts) if (part) show(JSON.parse(part));
-      if (!finished) setSummary(`${matches} matches in ${files} files so far…`);
+      if (!finished) setSummary(`${counted(matches, "match")} in ${counted(files, "file")} so far…`);
     }
   } catch (error) {
     if (!controller.signal.aborted) setSummary("The answer was cut off.", true);
