@@ -21,7 +21,7 @@ FILES = {
 def server(tmp_path_factory):
     first = make_repo(tmp_path_factory.mktemp("first"), FILES)
     second = make_repo(tmp_path_factory.mktemp("second"), {"only.txt": "needle in second\n"})
-    with serving(first, second, timeout=2) as base:
+    with serving(first, second, timeout=3) as base:
         yield base, first, second.name
 
 

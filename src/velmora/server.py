@@ -5,8 +5,10 @@ from __future__ import annotations
 import asyncio
 import json
 import multiprocessing
+import os
 import re
 import sys
+import threading
 import time
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
 from contextlib import asynccontextmanager
@@ -26,7 +28,7 @@ from starlette.routing import Mount, Route
 from starlette.staticfiles import StaticFiles
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
-from velmora import indexer, schema
+from velmora import indexer, schema, status
 from velmora.api import Repository
 from velmora.search import Hit, Query, QueryError
 
@@ -73,7 +75,9 @@ class Search:
 
 
 def _work(conn: Connection, roots: Sequence[Path]) -> None:
+    threading.Thread(target=_exit_with, args=(os.getppid(),), daemon=True).start()
     repos = [Repository.open(root, create=False) for root in roots]
+    conn.send(("ready", None))
     while True:
         try:
             request = conn.recv()
@@ -88,6 +92,13 @@ def _work(conn: Connection, roots: Sequence[Path]) -> None:
             conn.send(("error", "no such indexed file"))
         except (QueryError, ValueError) as error:  # a bad glob, say
             conn.send(("error", str(error)))
+
+
+def _exit_with(parent: int) -> None:
+    # A server that died without stopping its workers must not leave one running a search.
+    while os.getppid() == parent:
+        time.sleep(1)
+    os._exit(0)
 
 
 def _search_into(conn: Connection, repos: list[Repository], search: Search) -> None:
@@ -141,6 +152,7 @@ class _Worker:
     process: Any
     conn: Connection
     busy: bool = False
+    ready: bool = False  # started and holding the indexes open
 
     def receive(self, timeout: float) -> tuple[str, Any] | None:
         return self.conn.recv() if self.conn.poll(timeout) else None
@@ -199,6 +211,9 @@ class Workers:
     ]:
         """Send one request and yield its replies until the last one, or a timeout."""
         worker.busy = True
+        while not worker.ready:  # a search's deadline does not count its worker's start-up
+            started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
+            worker.ready = started is not None
         worker.conn.send(request)
         deadline = time.monotonic() + timeout
         while True:
@@ -310,7 +325,7 @@ def create_app(roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFA
                 return _refusal(value, 404 if kind == "error" else 422)
         raise AssertionError("a worker always answers")
 
-    async def status(request: Request) -> Response:
+    async def statuses(request: Request) -> Response:
         return JSONResponse({"repositories": [
             await anyio.to_thread.run_sync(_status, tree) for tree in trees
         ]})
@@ -321,7 +336,7 @@ def create_app(roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFA
     routes = [
         Route("/api/search", search),
         Route("/api/file", file),
-        Route("/api/status", status),
+        Route("/api/status", statuses),
         Mount("/", StaticFiles(packages=[("velmora", "web")], html=True)),
     ]
     return Starlette(
@@ -425,12 +440,7 @@ def _number(params: Any, name: str, default: int, high: int, *, low: int = 0) ->
 
 
 def _status(tree: _Tree) -> dict[str, Any]:
-    db = schema.open_index(schema.index_path(tree.root))
-    try:
-        files, size = db.fetchone("SELECT count(*), coalesce(sum(size), 0) FROM files")
-    finally:
-        db.close()
-    return {"name": tree.name, "root": str(tree.root), "files": files, "bytes": size}
+    return {"name": tree.name, "root": str(tree.root), "report": status.report(tree.root)}
 
 
 class _SecurityHeaders:
@@ -450,5 +460,6 @@ class _SecurityHeaders:
 
 def serve(roots: Sequence[Path], *, host: str, port: int, workers: int, timeout: float) -> None:
     """Answer until interrupted."""
+    # Searches still running at shutdown are cut short with their workers.
     uvicorn.run(create_app(roots, workers=workers, timeout=timeout), host=host, port=port,
-                log_level="warning")
+                log_level="warning", timeout_graceful_shutdown=1)
