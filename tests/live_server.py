@@ -11,14 +11,12 @@ import time
 import urllib.error
 import urllib.parse
 import urllib.request
-from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
 import velmora
 
-# The server runs the same velmora as the tests: a build in src/, an installed one, or the
-# sanitized copy.
+# The server runs the velmora that the tests import: src/, installed, or the sanitized copy.
 PACKAGES = str(Path(velmora.__file__).resolve().parent.parent)
 
 
@@ -31,25 +29,19 @@ def make_repo(root: Path, files: dict[str, str]) -> Path:
 
 
 @contextmanager
-def serving(*repos: Path, timeout: float = 10) -> Iterator[str]:
-    """The base URL of a server over ``repos``, which it indexes first."""
+def serving(*repos: Path, timeout: float = 10):
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         port = probe.getsockname()[1]
-    env = {**os.environ, "PYTHONPATH": PACKAGES}
     server = subprocess.Popen(
         [sys.executable, "-m", "velmora.cli", "serve", *map(str, repos), "--port", str(port),
-         "--timeout", str(timeout)], env=env, stderr=subprocess.DEVNULL,
+         "--timeout", str(timeout)], env={**os.environ, "PYTHONPATH": PACKAGES},
     )
     base = f"http://127.0.0.1:{port}/"
     try:
-        for _ in range(600):  # until it listens; indexing comes first
+        while get(base + "api/status")[0] != 200:  # it listens once the trees are indexed
             assert server.poll() is None, "the server exited"
-            try:
-                get(base + "api/status")
-                break
-            except OSError:
-                time.sleep(0.1)
+            time.sleep(0.1)
         yield base
     finally:
         server.terminate()
@@ -57,13 +49,13 @@ def serving(*repos: Path, timeout: float = 10) -> Iterator[str]:
 
 
 def get(url: str, **params: object) -> tuple[int, bytes]:
-    if params:
-        url += "?" + urllib.parse.urlencode(params, doseq=True)
     try:
-        with urllib.request.urlopen(url, timeout=60) as response:
-            return response.status, response.read()
+        with urllib.request.urlopen(f"{url}?{urllib.parse.urlencode(params, True)}") as answer:
+            return answer.status, answer.read()
     except urllib.error.HTTPError as error:
         return error.code, error.read()
+    except urllib.error.URLError:
+        return 0, b""
 
 
 def records(url: str, **params: object) -> list[dict]:

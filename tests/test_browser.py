@@ -38,28 +38,22 @@ def page(tmp_path_factory):
 def test_search_open_a_file_and_go_back(page):
     driver, wait = page
     driver.find_element(By.ID, "q").send_keys("greet")
-    marks = wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "#results mark"))
-    assert {mark.text for mark in marks} == {"greet"}
-    assert "2 matches in 2 files" in wait.until(
-        lambda d: "files ·" in d.find_element(By.ID, "summary").text
-        and d.find_element(By.ID, "summary").text)
+    wait.until(lambda d: "2 matches in 2 files" in d.find_element(By.ID, "summary").text)
+    assert {mark.text for mark in driver.find_elements(By.CSS_SELECTOR, "mark")} == {"greet"}
     # The file holding markup shows it as text, and nothing of it runs.
-    shown = [row.text for row in driver.find_elements(By.CSS_SELECTOR, "#results .match .text")]
+    shown = [row.text for row in driver.find_elements(By.CSS_SELECTOR, ".match .text")]
     assert "<script>alert(1)</script> greet" in shown
     with pytest.raises(NoAlertPresentException):
         driver.switch_to.alert.text  # noqa: B018
     # By keyboard: Enter on a focused match opens its file at that line.
-    link = driver.find_element(By.CSS_SELECTOR, "#results a[data-path='main.py']")
+    link = driver.find_element(By.CSS_SELECTOR, "a[data-path='main.py']")
     driver.execute_script("arguments[0].focus()", link)
     link.send_keys(Keys.ENTER)
-    target = wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "#file-lines tr.target"))
-    assert target[0].text == "3 def greet(name):"
-    assert "path=main.py" in driver.current_url and "line=3" in driver.current_url
+    target = wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "tr.target"))
+    assert target[0].text == "3 def greet(name):" and "line=3" in driver.current_url
     driver.back()
     wait.until(lambda d: d.find_element(By.ID, "results").is_displayed())
     assert driver.find_element(By.ID, "q").get_attribute("value") == "greet"
-    assert "q=greet" in driver.current_url
-    # A reload of the shared link shows the same line.
     driver.forward()
-    driver.refresh()
-    assert wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "tr.target"))[0].text.startswith("3 ")
+    driver.refresh()  # a shared link shows the same line
+    assert wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "tr.target"))[0].text[:2] == "3 "
