@@ -36,9 +36,10 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     assert [r["type"][0] for r in found] == list("bcmccmebmes")  # begin, context, match...
     assert found[2]["data"]["submatches"] == [
         {"match": {"text": "needle"}, "start": 4, "end": 10}]
-    assert found[-1]["data"]["matches"] == 3
+    assert found[-1]["data"]["stats"]["matches"] == 3
     summary = records(base, q="needle", limit=2)[-1]["data"]
-    assert (summary["repo"], summary["matches"], summary["limited"]) == (first.name, 2, True)
+    assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
+        first.name, 2, True)
     assert matches(records(base, q="needle", repo=second)) == [("only.txt", 1)]
     status = json.loads(get(base + "api/status")[1])["repositories"]
     assert [repo["name"] for repo in status] == [first.name, second]
@@ -46,6 +47,7 @@ def test_search_streams_rg_records_up_to_the_limit(server):
 
 @pytest.mark.parametrize(("params", "lines"), [
     ({"q": "NEEDLE", "case": "0", "glob": "*.txt"}, [("lib/util.txt", 1)]),
+    ({"q": "needle", "type": "py"}, [("app.py", 3), ("app.py", 6)]),
     ({"q": "need", "word": "1"}, []),
     ({"q": "os.sep", "fixed": "1"}, [("app.py", 4)]),
     ({"q": r"^\w+\(\)$"}, [("app.py", 6)]),
@@ -69,12 +71,13 @@ def test_file_text_only_for_indexed_paths(server):
     ({"q": "a", "limit": "0"}, "limit must be"),
     ({"q": "a", "case": "maybe"}, "case must be"),
     ({"q": "a", "repo": "nowhere"}, "no such repository"),
+    ({"q": "a", "type": "nonesuch"}, "unrecognized file type"),
     ({"q": r"(a+)+\d"}, "stopped"),  # runs for ever on slow.txt
 ])
 def test_bad_requests_get_a_reason(server, params, reason):
     status, body = get(server[0] + "api/search", **params)
     assert 400 <= status < 500 and reason in json.loads(body)["error"]
-    assert records(server[0], q="needle")[-1]["data"]["matches"] == 3  # and it goes on
+    assert len(matches(records(server[0], q="needle"))) == 3  # and it goes on
 
 
 def test_answers_follow_the_files(server):

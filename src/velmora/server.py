@@ -6,7 +6,6 @@ import asyncio
 import json
 import multiprocessing
 import os
-import re
 import sys
 import threading
 import time
@@ -28,9 +27,9 @@ from starlette.routing import Mount, Route
 from starlette.staticfiles import StaticFiles
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
-from velmora import indexer, schema, status
+from velmora import indexer, output, schema, status
 from velmora.api import Repository
-from velmora.search import Hit, Query, QueryError
+from velmora.search import Query, QueryError
 
 # Bounds on what one request may ask for: the server answers many people at once.
 MAX_QUERY_CHARS = 1000
@@ -64,6 +63,7 @@ class Search:
     repo: int
     query: Query
     globs: list[str]
+    types: list[str]
     before: int
     after: int
     limit: int
@@ -106,45 +106,20 @@ def _search_into(conn: Connection, repos: list[Repository], search: Search) -> N
     # Freshness is the server's concern (it watches the trees and refreshes before
     # dispatching): workers only read.
     results, reason = repos[search.repo].search(
-        search.query, globs=search.globs, before=search.before, after=search.after,
-        refresh=False,
+        search.query, globs=search.globs, types=search.types, before=search.before,
+        after=search.after, refresh=False,
     )
-    matches = files = 0
+    totals = output.Stats()
     for path, hits in results:
-        hits = hits[: search.limit - matches]
-        conn.send(("lines", _records(path, hits, search.query)))
-        matches += len(hits)
-        files += 1
-        if matches >= search.limit:
+        hits = hits[: search.limit - totals.matched_lines]
+        conn.send(("lines", output.json_records(path, hits, search.query, None, totals)))
+        if totals.matched_lines >= search.limit:
             break
-    conn.send(("end", {
-        "matches": matches, "files": files, "limited": matches >= search.limit,
-        "reason": reason, "elapsed_ms": round((time.perf_counter() - started) * 1e3, 3),
-    }))
-
-
-def _records(path: str, hits: list[Hit], query: Query) -> str:
-    """rg's JSON lines for one file: begin, its match and context lines, end."""
-    shown = {"text": path}
-    matched = {hit.line: hit.column for hit in hits}
-    out = [{"type": "begin", "data": {"path": shown}}]
-    printed = 0
-    for hit in hits:
-        for number, content in hit.context:
-            if number <= printed:
-                continue
-            printed = number
-            data: dict[str, Any] = {"path": shown, "lines": {"text": content + "\n"},
-                                    "line_number": number, "submatches": []}
-            if number in matched:
-                span = query.span(content, matched[number])
-                if span is not None:
-                    start, end = (len(content[:i].encode()) for i in span)
-                    data["submatches"] = [{"match": {"text": content[span[0]:span[1]]},
-                                           "start": start, "end": end}]
-            out.append({"type": "match" if number in matched else "context", "data": data})
-    out.append({"type": "end", "data": {"path": shown}})
-    return "".join(json.dumps(record, ensure_ascii=False) + "\n" for record in out)
+    elapsed = time.perf_counter() - started
+    totals.searching = elapsed
+    summary = json.loads(output.json_summary(totals, elapsed))
+    summary["data"] |= {"limited": totals.matched_lines >= search.limit, "reason": reason}
+    conn.send(("end", summary))
 
 
 @dataclass(eq=False)
@@ -364,12 +339,17 @@ async def _stream(
             if kind == "lines":
                 yield value
             elif kind == "end":
-                yield json.dumps({"type": "summary", "data": {"repo": name, **value}}) + "\n"
+                value["data"]["repo"] = name
+                yield _json(value)
             else:  # it ran out of time after the first files
-                yield json.dumps({"type": "error", "data": {"message": value}}) + "\n"
+                yield _json({"type": "error", "data": {"message": value}})
             reply = await anext(answer, None)
     finally:
         await answer.aclose()
+
+
+def _json(record: dict[str, Any]) -> str:
+    return json.dumps(record, ensure_ascii=False, separators=(",", ":")) + "\n"
 
 
 def _refusal(reason: str, status: int) -> Response:
@@ -402,19 +382,18 @@ def _parse_search(request: Request, trees: Sequence[_Tree]) -> Search:
         raise BadRequest("the query (q) is empty")
     if len(text) > MAX_QUERY_CHARS:
         raise BadRequest(f"the query is longer than {MAX_QUERY_CHARS} characters")
-    fixed, word = _flag(params, "fixed"), _flag(params, "word")
-    ignore_case = not _flag(params, "case", default=True)
-    if word:
-        # A word match is the pattern between word boundaries, as grep -w has it.
-        text = rf"\b(?:{re.escape(text) if fixed else text})\b"
     try:
-        query = Query.parse(text, regex=word or not fixed, ignore_case=ignore_case)
+        query = Query.parse(
+            text, fixed=_flag(params, "fixed"), word=_flag(params, "word"),
+            ignore_case=not _flag(params, "case", default=True),
+        )
     except QueryError as error:
         raise BadRequest(str(error)) from None
     context = _number(params, "context", 0, MAX_CONTEXT)
-    globs = [glob for glob in params.getlist("glob") if glob]
     return Search(
-        _repo_of(request, trees), query, globs,
+        _repo_of(request, trees), query,
+        [glob for glob in params.getlist("glob") if glob],
+        [kind for kind in params.getlist("type") if kind],
         _number(params, "before", context, MAX_CONTEXT),
         _number(params, "after", context, MAX_CONTEXT),
         _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),

@@ -5,7 +5,7 @@
 const $ = (id) => document.getElementById(id);
 const form = $("search"), summary = $("summary"), results = $("results");
 const viewer = $("viewer"), fileLines = $("file-lines").tBodies[0];
-const FIELDS = ["q", "repo", "glob", "context"], FLAGS = ["fixed", "ignore", "word"];
+const FIELDS = ["q", "repo", "glob", "type", "context"], FLAGS = ["fixed", "ignore", "word"];
 const DEBOUNCE_MS = 150, LIMIT = 1000;
 let running = null, typingTimer = 0;
 
@@ -28,7 +28,9 @@ function apiQuery(state) {
   if (state.get("ignore")) api.set("case", "0");
   if (state.get("word")) api.set("word", "1");
   if (state.get("context")) api.set("context", state.get("context"));
-  for (const glob of (state.get("glob") || "").split(/\s+/)) if (glob) api.append("glob", glob);
+  for (const name of ["glob", "type"]) {
+    for (const value of (state.get(name) || "").split(/\s+/)) if (value) api.append(name, value);
+  }
   return api;
 }
 
@@ -115,7 +117,7 @@ async function runSearch(state) {
     } else if (record.type === "summary") {
       finished = true;
       const limited = data.limited ? ` (stopped at ${LIMIT})` : "";
-      setSummary(`${counted(data.matches, "match")}${limited} in ${counted(data.files, "file")} · ${data.repo}` + (data.reason ? ` · ${data.reason}` : ""));
+      setSummary(`${counted(data.stats.matches, "match")}${limited} in ${counted(data.stats.searches_with_match, "file")} · ${data.repo}` + (data.reason ? ` · ${data.reason}` : ""));
     } else if (record.type === "error") {
       finished = true;
       setSummary(data.message, true);
