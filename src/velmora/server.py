@@ -21,6 +21,7 @@ import uvicorn
 import watchfiles
 from starlette.applications import Starlette
 from starlette.middleware import Middleware
+from starlette.middleware.trustedhost import TrustedHostMiddleware
 from starlette.requests import Request
 from starlette.responses import JSONResponse, Response, StreamingResponse
 from starlette.routing import Mount, Route
@@ -45,6 +46,7 @@ _POLL_SECONDS = 0.25
 # How long start-up waits for the trees' watchers before indexing without them.
 _WATCHER_START_SECONDS = 10.0
 
+_LOOPBACK_NAMES = ("127.0.0.1", "localhost")
 _SECURITY_HEADERS = [
     (b"content-security-policy", b"default-src 'self'; img-src 'self' data:; object-src 'none'"),
     (b"x-content-type-options", b"nosniff"),
@@ -249,9 +251,12 @@ class _Tree:
 # --- the HTTP side --------------------------------------------------------------------------
 
 
-def create_app(roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFAULT_TIMEOUT
-               ) -> Starlette:
-    """The application over the repositories at ``roots``, indexed as it starts."""
+def create_app(
+    roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFAULT_TIMEOUT,
+    hosts: Sequence[str] = ("*",),
+) -> Starlette:
+    """The application over the repositories at ``roots``, indexed as it starts, answering
+    requests addressed to ``hosts``."""
     trees = [_Tree(_names(roots)[n], root) for n, root in enumerate(roots)]
     pool = Workers(roots, workers)
 
@@ -316,7 +321,8 @@ def create_app(roots: Sequence[Path], *, workers: int = 2, timeout: float = DEFA
     ]
     return Starlette(
         routes=routes, lifespan=lifespan, exception_handlers={BadRequest: bad_request},
-        middleware=[Middleware(_SecurityHeaders)],
+        middleware=[Middleware(TrustedHostMiddleware, allowed_hosts=list(hosts)),
+                    Middleware(_SecurityHeaders)],
     )
 
 
@@ -439,6 +445,9 @@ class _SecurityHeaders:
 
 def serve(roots: Sequence[Path], *, host: str, port: int, workers: int, timeout: float) -> None:
     """Answer until interrupted."""
+    # On a loopback address, a page of another site that has its name resolve to this
+    # machine must not read the code: only requests addressed to this machine are answered.
+    hosts = _LOOPBACK_NAMES if host in _LOOPBACK_NAMES else ("*",)
+    app = create_app(roots, workers=workers, timeout=timeout, hosts=hosts)
     # Searches still running at shutdown are cut short with their workers.
-    uvicorn.run(create_app(roots, workers=workers, timeout=timeout), host=host, port=port,
-                log_level="warning", timeout_graceful_shutdown=1)
+    uvicorn.run(app, host=host, port=port, log_level="warning", timeout_graceful_shutdown=1)
