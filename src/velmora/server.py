@@ -28,8 +28,8 @@ from starlette.routing import Mount, Route
 from starlette.staticfiles import StaticFiles
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
-from velmora import indexer, output, schema, status
-from velmora.api import Repository
+from velmora import file_types, indexer, output, schema, status
+from velmora.api import Repository, RepositoryError
 from velmora.search import Query, QueryError
 
 # Bounds on what one request may ask for: the server answers many people at once.
@@ -46,6 +46,8 @@ _POLL_SECONDS = 0.25
 # How long start-up waits for the trees' watchers before indexing without them.
 _WATCHER_START_SECONDS = 10.0
 
+# The HTTP status of a worker's refusal.
+_STATUS = {"error": 400, "timeout": 422, "failed": 500}
 _LOOPBACK_NAMES = ("127.0.0.1", "localhost")
 _SECURITY_HEADERS = [
     (b"content-security-policy", b"default-src 'self'; img-src 'self' data:; object-src 'none'"),
@@ -94,6 +96,8 @@ def _work(conn: Connection, roots: Sequence[Path]) -> None:
             conn.send(("error", "no such indexed file"))
         except (QueryError, ValueError) as error:  # a bad glob, say
             conn.send(("error", str(error)))
+        except RepositoryError as error:  # a damaged index: the server's fault, not the request's
+            conn.send(("failed", str(error)))
 
 
 def _exit_with(parent: int) -> None:
@@ -286,9 +290,9 @@ def create_app(
         await trees[wanted.repo].fresh()
         answer = _answer(pool, ("search", wanted), timeout)
         kind, first = await anext(answer)
-        if kind in ("error", "timeout"):
+        if kind != "lines" and kind != "end":
             await answer.aclose()
-            return _refusal(first, 422 if kind == "timeout" else 400)
+            return _refusal(first, _STATUS[kind])
         # The first reply came before any header was sent, so a bad glob still gets a 400;
         # the rest is streamed as the worker finds it.
         body = _stream(trees[wanted.repo].name, (kind, first), answer)
@@ -302,7 +306,7 @@ def create_app(
             async for kind, value in pool.replies(worker, ("file", tree, path), timeout):
                 if kind == "text":
                     return JSONResponse({"repo": trees[tree].name, "path": path, "text": value})
-                return _refusal(value, 404 if kind == "error" else 422)
+                return _refusal(value, 404 if kind == "error" else _STATUS[kind])
         raise AssertionError("a worker always answers")
 
     async def statuses(request: Request) -> Response:
@@ -347,7 +351,7 @@ async def _stream(
             elif kind == "end":
                 value["data"]["repo"] = name
                 yield _json(value)
-            else:  # it ran out of time after the first files
+            else:  # stopped after the first files: out of time, or a damaged index
                 yield _json({"type": "error", "data": {"message": value}})
             reply = await anext(answer, None)
     finally:
@@ -396,10 +400,13 @@ def _parse_search(request: Request, trees: Sequence[_Tree]) -> Search:
     except QueryError as error:
         raise BadRequest(str(error)) from None
     context = _number(params, "context", 0, MAX_CONTEXT)
+    types = [kind for kind in params.getlist("type") if kind]
+    try:
+        file_types.matcher(types)
+    except file_types.UnknownType as error:
+        raise BadRequest(str(error)) from None
     return Search(
-        _repo_of(request, trees), query,
-        [glob for glob in params.getlist("glob") if glob],
-        [kind for kind in params.getlist("type") if kind],
+        _repo_of(request, trees), query, [glob for glob in params.getlist("glob") if glob], types,
         _number(params, "before", context, MAX_CONTEXT),
         _number(params, "after", context, MAX_CONTEXT),
         _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),
