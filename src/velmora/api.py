@@ -117,6 +117,8 @@ class Repository:
                 self._db, query, files, before=before, after=after, max_count=max_count,
                 from_disk=from_disk,
             )
+        except file_types.UnknownType:
+            raise  # the caller's mistake, not the index's
         except _DAMAGE as error:
             raise self._damaged(error) from None
         return self._guarded(results), "; ".join(filter(None, (stale, reason))) or None
