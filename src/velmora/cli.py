@@ -297,6 +297,10 @@ def _serve(args: argparse.Namespace) -> int:
     # collector that a one-off search goes without.
     gc.enable()
     roots = list(dict.fromkeys(_repo(text) for text in args.repos or ["."]))
+    # An index that cannot be used is reported here, in one line, not from inside the server.
+    for root in roots:
+        if schema.index_path(root).exists():
+            Repository.open(root).close()
     shown = " ".join(str(root) for root in roots)
     print(f"velmora: serving {shown} on http://{args.host}:{args.port}/", file=sys.stderr)
     server.serve(roots, host=args.host, port=args.port, workers=max(args.workers, 1),
