@@ -493,6 +493,7 @@ class _Writer:
                     "VALUES (?, ?, ?, ?, ?, ?, ?)",
                     (*row, done.path),
                 ).lastrowid
+                assert file_id is not None  # an INSERT always gives its row id
                 self.summary.added += 1
             else:
                 file_id = known.id

@@ -8,6 +8,7 @@ vocabulary up front, and both smaller output and faster decoding follow.
 from __future__ import annotations
 
 import sqlite3
+from collections.abc import Sequence
 
 import zstandard
 
@@ -26,14 +27,14 @@ class CodecError(sqlite3.DatabaseError):
     """A stored chunk body is not what the codec wrote: the index is damaged."""
 
 
-def train(samples: list[bytes]) -> bytes:
+def train(samples: Sequence[bytes]) -> bytes:
     """A dictionary trained on ``samples``; empty when they are too few to be worth one."""
     total = sum(map(len, samples))
     if total < _MIN_SAMPLE_BYTES:
         return b""
     size = min(DICTIONARY_BYTES, total // 64)
     try:
-        return zstandard.train_dictionary(size, samples, level=LEVEL).as_bytes()
+        return zstandard.train_dictionary(size, list(samples), level=LEVEL).as_bytes()
     except zstandard.ZstdError:
         return b""  # too little variety to learn from: frames go without one
 
