@@ -104,6 +104,7 @@ def test_reads_stay_in_the_repository_and_never_block(repo, tmp_path, refresh):
 @pytest.mark.parametrize("error, code, words", [
     (sqlite3.OperationalError("database is locked"), 2, "another process is writing the index"),
     (sqlite3.DatabaseError("database disk image is malformed"), 2, "velmora index --rebuild"),
+    (sqlite3.OperationalError("no such column: size"), 2, "velmora index --rebuild"),
     (KeyboardInterrupt(), 130, "interrupted"),
 ])
 def test_errors_the_run_meets_are_reported(repo, monkeypatch, capsys, error, code, words):

@@ -52,7 +52,9 @@ def _index_problem(error: sqlite3.Error) -> str:
     text = str(error)
     if "locked" in text or "busy" in text:
         return f"another process is writing the index ({text}); try again when it is done"
-    if isinstance(error, sqlite3.OperationalError):
+    # A table or column this version expects is missing: the index was made by some other
+    # build of velmora, or altered by hand.
+    if isinstance(error, sqlite3.OperationalError) and not text.startswith("no such"):
         return f"the index cannot be read or written ({text})"
     if isinstance(error, sqlite3.IntegrityError):
         return f"the index could not be updated ({text}); it is left as it was"
