@@ -24,7 +24,8 @@ LINES = st.lists(st.text(st.sampled_from(CHARS), max_size=12), min_size=1, max_s
 LITERAL = st.sampled_from(CHARS).map(re.escape)
 ATOM = st.one_of(
     LITERAL, LITERAL, LITERAL,
-    st.sampled_from([".", r"\w", r"\s", r"\b", "^", "$", r"\A", r"\Z", "[ab]", "[^a]", r"\1?"]),
+    st.sampled_from([".", r"\w", r"\s", r"\b", "^", "$", r"\A", r"\Z", "[ab]", "[^a]", r"\1?",
+                     r"[^\W\d]", r"\S", r"[^\s\D]", r"(?(1)a|\s)"]),
     st.lists(LITERAL, min_size=1, max_size=3).map(lambda chars: "[" + "".join(chars) + "]"),
 )
 REGEX = st.recursive(
@@ -32,7 +33,7 @@ REGEX = st.recursive(
     lambda inner: st.one_of(
         st.lists(inner, min_size=2, max_size=4).map("".join),
         st.tuples(inner, inner).map("|".join),
-        st.tuples(inner, st.sampled_from(["*", "+", "?", "{2}", "{1,3}", "+?"])).map("".join),
+        st.tuples(inner, st.sampled_from(["*", "+", "?", "{2}", "{1,3}", "+?", "{0,1001}", "++"])).map("".join),
         st.tuples(st.sampled_from(["(", "(?:", "(?i:", "(?=", "(?<!", "(?>"]), inner).map(
             lambda pair: f"{pair[0]}{pair[1]})"
         ),

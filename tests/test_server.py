@@ -72,7 +72,7 @@ def test_file_text_only_for_indexed_paths(server):
     ({"q": "a", "case": "maybe"}, "case must be"),
     ({"q": "a", "repo": "nowhere"}, "no such repository"),
     ({"q": "a", "type": "nonesuch"}, "unrecognized file type"),
-    ({"q": r"(a+)+\d"}, "stopped"),  # runs for ever on slow.txt
+    ({"q": r"(a+)+(?=\d)"}, "stopped"),  # runs for ever on slow.txt, which RE2 lets through
 ])
 def test_bad_requests_get_a_reason(server, params, reason):
     status, body = get(server[0] + "api/search", **params)

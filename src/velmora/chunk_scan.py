@@ -6,6 +6,8 @@ from __future__ import annotations
 import re
 from collections.abc import Callable
 
+from velmora import regex_prefilter
+
 # The 0-based index of the first line of a chunk's text (its lines joined by LF) on which a
 # match may start, or -1 when no line of it matches.
 FirstLine = Callable[[str], int]
@@ -34,6 +36,15 @@ def first_line_finder(
             return _line_of(lowered, lowered.find(needle))
 
         return first_lowered
+    widened = regex_prefilter.widened_search(pattern)
+    if widened is not None:
+
+        def first_widened(text: str) -> int:
+            data = text.encode()
+            position = widened(data)
+            return -1 if position < 0 else data.count(b"\n", 0, position)
+
+        return first_widened
     if not _sees_only_its_line(pattern):
         return None
     # With MULTILINE, ^ and $ match at each line's ends, as they do in the line alone.

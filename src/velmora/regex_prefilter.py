@@ -1,0 +1,147 @@
+"""A DFA-engine (RE2) pattern that matches wherever a Python regex can, to skip text fast.
+
+Python's ``re`` backtracks, at some 15 MB/s on code for a pattern like ``\\b[A-Z]{4,}\\d\\b``;
+RE2 scans the same text at hundreds of MB/s but speaks a slightly different dialect (ASCII
+``\\b``, no lookarounds or back-references, its own Unicode tables). So the pattern is not
+translated but widened: every construct becomes one that matches at least what it matched
+(a lookaround or ``\\b`` matches anywhere, a back-reference any run of a line, ``\\d`` any
+non-ASCII character too). Wherever the Python pattern matches a substring of a line, the
+widened one matches that substring, so its leftmost match in a text never starts after the
+Python pattern's first match in any of the text's lines. Python's ``re`` stays the judge of
+what matches: the widened pattern only says where it cannot.
+"""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Callable
+
+import re2  # type: ignore[import-untyped]
+
+# The first byte offset in a UTF-8 text at which the widened pattern matches, or -1.
+Search = Callable[[bytes], int]
+
+_NON_ASCII = r"\x{80}-\x{10ffff}"
+_SURROGATES = range(0xD800, 0xE000)  # never in decoded text, and RE2 refuses them
+_MAX_COUNT = 1000  # RE2's largest repeat count
+
+
+def widened_search(pattern: re.Pattern[str]) -> Search | None:
+    """The search of the widened pattern, or None where no such pattern is made (a
+    case-ignoring part, whose folding rules differ between the engines, or one too large
+    for RE2)."""
+    if pattern.flags & re.IGNORECASE:
+        return None
+    from re import _parser  # type: ignore[attr-defined]
+
+    try:
+        source = _items(_parser.parse(pattern.pattern, pattern.flags))
+        options = re2.Options()
+        options.max_mem = 64 << 20
+        options.never_capture = True
+        options.log_errors = False  # a pattern RE2 refuses is not an error of the search
+        # On bytes: a str would be encoded, and its offsets mapped back, at every call.
+        compiled = re2.compile(source.encode(), options)
+    except (_Unsupported, re.error, re2.error, OverflowError, RecursionError):
+        return None
+    search = compiled.search
+
+    def first(text: bytes) -> int:
+        found = search(text)
+        return -1 if found is None else found.start()
+
+    return first
+
+
+class _Unsupported(Exception):
+    """A construct the widening does not cover."""
+
+
+def _items(items) -> str:
+    return "".join(_item(str(op), arg) for op, arg in items)
+
+
+def _item(op: str, arg) -> str:
+    if op == "LITERAL":
+        return _char(arg)
+    if op == "NOT_LITERAL":
+        return f"[^{_char(arg)}]"
+    if op == "ANY":
+        return "(?s:.)"
+    if op == "IN":
+        return _class(arg)
+    if op in ("AT", "ASSERT", "ASSERT_NOT"):
+        return ""  # holds somewhere: widened to hold everywhere
+    if op == "SUBPATTERN":
+        _group, add_flags, _del_flags, body = arg
+        if add_flags & re.IGNORECASE:
+            raise _Unsupported(op)
+        return f"(?:{_items(body)})"
+    if op == "ATOMIC_GROUP":
+        return f"(?:{_items(arg)})"
+    if op == "BRANCH":
+        return "(?:" + "|".join(_items(branch) for branch in arg[1]) + ")"
+    if op in ("MAX_REPEAT", "MIN_REPEAT", "POSSESSIVE_REPEAT"):
+        low, high, body = arg
+        low = min(low, _MAX_COUNT)
+        high = "" if high > _MAX_COUNT else str(high)
+        return f"(?:{_items(body)}){{{low},{high}}}"
+    if op == "GROUPREF":
+        return "(?s:.)*"  # the group's text, whatever it was
+    if op == "GROUPREF_EXISTS":
+        _group, yes, no = arg
+        return f"(?:{_items(yes)}|{_items(no or [])})"
+    raise _Unsupported(op)
+
+
+def _char(code: int) -> str:
+    if code in _SURROGATES:
+        raise _Unsupported("surrogate")
+    return rf"\x{{{code:x}}}"
+
+
+def _class(items) -> str:
+    """A set holding at least the class's characters. Within a negated class each item is
+    narrowed instead, so that its complement widens."""
+    negated = bool(items) and str(items[0][0]) == "NEGATE"
+    parts = []
+    for op, arg in items[1:] if negated else items:
+        op = str(op)
+        if op == "LITERAL":
+            parts.append(_char(arg))
+        elif op == "RANGE":
+            low, high = arg
+            if low in _SURROGATES or high in _SURROGATES or low < _SURROGATES.start <= high:
+                raise _Unsupported("surrogate")
+            parts.append(f"{_char(low)}-{_char(high)}")
+        elif op == "CATEGORY":
+            parts.append(_category(str(arg), narrowed=negated))
+        else:
+            raise _Unsupported(op)
+    return ("[^" if negated else "[") + "".join(parts) + "]"
+
+
+def _category(name: str, narrowed: bool) -> str:
+    """The ASCII characters that ``\\d``, ``\\s``, ``\\w`` or their negations hold in every
+    mode (narrowed) or in some mode (widened), the latter with every non-ASCII character."""
+    ascii_sets = _CATEGORY_ASCII[name]
+    chosen = set.intersection(*ascii_sets) if narrowed else set.union(*ascii_sets)
+    ranges = "".join(_char(code) for code in sorted(chosen))
+    return ranges if narrowed else ranges + _NON_ASCII
+
+
+def _ascii_members(escape: str) -> list[set[int]]:
+    """The ASCII codes a category escape matches, with the Unicode rules and with re.ASCII."""
+    return [
+        {code for code in range(128) if re.fullmatch(escape, chr(code), flags)}
+        for flags in (0, re.ASCII)
+    ]
+
+
+_CATEGORY_ASCII = {
+    f"CATEGORY_{name}": _ascii_members(escape)
+    for name, escape in [
+        ("DIGIT", r"\d"), ("NOT_DIGIT", r"\D"), ("SPACE", r"\s"),
+        ("NOT_SPACE", r"\S"), ("WORD", r"\w"), ("NOT_WORD", r"\W"),
+    ]
+}
