@@ -27,15 +27,13 @@ _MAX_COUNT = 1000  # RE2's largest repeat count
 
 
 def widened_search(pattern: re.Pattern[str]) -> Search | None:
-    """The search of the widened pattern, or None where no such pattern is made (a
-    case-ignoring part, whose folding rules differ between the engines, or one too large
-    for RE2)."""
-    if pattern.flags & re.IGNORECASE:
-        return None
+    """The search of the widened pattern, or None where no such pattern is made (a negated
+    class that ignores case, or a pattern too large for RE2)."""
     from re import _parser  # type: ignore[attr-defined]
 
     try:
-        source = _items(_parser.parse(pattern.pattern, pattern.flags))
+        tree = _parser.parse(pattern.pattern, pattern.flags)
+        source = _items(tree, bool(pattern.flags & re.IGNORECASE))
         options = re2.Options()
         options.max_mem = 64 << 20
         options.never_capture = True
@@ -57,40 +55,46 @@ class _Unsupported(Exception):
     """A construct the widening does not cover."""
 
 
-def _items(items) -> str:
-    return "".join(_item(str(op), arg) for op, arg in items)
+def _items(items, fold: bool) -> str:
+    """``fold``: case is ignored here. RE2 folds case as Python's ``re`` does, by a letter's
+    whole set of case variants, except for these four, which Python takes as one set."""
+    return "".join(_item(str(op), arg, fold) for op, arg in items)
 
 
-def _item(op: str, arg) -> str:
+_DOTTED_I = frozenset((0x49, 0x69, 0x130, 0x131))
+
+
+def _item(op: str, arg, fold: bool) -> str:
     if op == "LITERAL":
+        if fold:
+            return _class([(op, arg)], fold)
         return _char(arg)
-    if op == "NOT_LITERAL":
+    if op == "NOT_LITERAL" and not fold:
         return f"[^{_char(arg)}]"
     if op == "ANY":
         return "(?s:.)"
     if op == "IN":
-        return _class(arg)
+        return _class(arg, fold)
     if op in ("AT", "ASSERT", "ASSERT_NOT"):
         return ""  # holds somewhere: widened to hold everywhere
     if op == "SUBPATTERN":
-        _group, add_flags, _del_flags, body = arg
-        if add_flags & re.IGNORECASE:
-            raise _Unsupported(op)
-        return f"(?:{_items(body)})"
+        _group, add_flags, del_flags, body = arg
+        fold = bool(add_flags & re.IGNORECASE) or (fold and not del_flags & re.IGNORECASE)
+        return f"(?:{_items(body, fold)})"
     if op == "ATOMIC_GROUP":
-        return f"(?:{_items(arg)})"
+        return f"(?:{_items(arg, fold)})"
     if op == "BRANCH":
-        return "(?:" + "|".join(_items(branch) for branch in arg[1]) + ")"
+        return "(?:" + "|".join(_items(branch, fold) for branch in arg[1]) + ")"
     if op in ("MAX_REPEAT", "MIN_REPEAT", "POSSESSIVE_REPEAT"):
         low, high, body = arg
         low = min(low, _MAX_COUNT)
         high = "" if high > _MAX_COUNT else str(high)
-        return f"(?:{_items(body)}){{{low},{high}}}"
+        return f"(?:{_items(body, fold)}){{{low},{high}}}"
     if op == "GROUPREF":
         return "(?s:.)*"  # the group's text, whatever it was
     if op == "GROUPREF_EXISTS":
         _group, yes, no = arg
-        return f"(?:{_items(yes)}|{_items(no or [])})"
+        return f"(?:{_items(yes, fold)}|{_items(no or [], fold)})"
     raise _Unsupported(op)
 
 
@@ -100,25 +104,33 @@ def _char(code: int) -> str:
     return rf"\x{{{code:x}}}"
 
 
-def _class(items) -> str:
-    """A set holding at least the class's characters. Within a negated class each item is
-    narrowed instead, so that its complement widens."""
+def _class(items, fold: bool) -> str:
+    """A set holding at least the class's characters (in every case, with ``fold``). Within
+    a negated class each item is narrowed instead, so that its complement widens."""
     negated = bool(items) and str(items[0][0]) == "NEGATE"
+    if negated and fold:
+        raise _Unsupported("a negated class that ignores case")
     parts = []
+    codes: set[int] = set()  # the members that matter to the folding
     for op, arg in items[1:] if negated else items:
         op = str(op)
         if op == "LITERAL":
             parts.append(_char(arg))
+            codes.add(arg)
         elif op == "RANGE":
             low, high = arg
-            if low in _SURROGATES or high in _SURROGATES or low < _SURROGATES.start <= high:
-                raise _Unsupported("surrogate")
-            parts.append(f"{_char(low)}-{_char(high)}")
+            # Decoded text holds no surrogate, so leaving them out narrows nothing it holds.
+            for first, last in ((low, min(high, 0xD7FF)), (max(low, 0xE000), high)):
+                if first <= last:
+                    parts.append(f"{_char(first)}-{_char(last)}")
+                    codes.update(code for code in _DOTTED_I if first <= code <= last)
         elif op == "CATEGORY":
             parts.append(_category(str(arg), narrowed=negated))
         else:
             raise _Unsupported(op)
-    return ("[^" if negated else "[") + "".join(parts) + "]"
+    if fold and codes & _DOTTED_I:
+        parts += map(_char, sorted(_DOTTED_I))
+    return ("[^" if negated else "(?i:[" if fold else "[") + "".join(parts) + ("])" if fold else "]")
 
 
 def _category(name: str, narrowed: bool) -> str:
