@@ -56,8 +56,9 @@ class _Unsupported(Exception):
 
 
 def _items(items, fold: bool) -> str:
-    """``fold``: case is ignored here. RE2 folds case as Python's ``re`` does, by a letter's
-    whole set of case variants, except for these four, which Python takes as one set."""
+    """``fold``: case is ignored here. RE2's folding takes every case variant of a letter
+    that ``re.IGNORECASE`` takes (checked over all of Unicode), except among these four,
+    which Python takes as one set."""
     return "".join(_item(str(op), arg, fold) for op, arg in items)
 
 
