@@ -14,18 +14,21 @@ from __future__ import annotations
 
 import os
 import zlib
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from pathlib import Path
 from types import TracebackType
+from typing import TypeVar
 
 from velmora import file_types, schema
 from velmora import refresh as freshness
 from velmora.db import Database
-from velmora.search import Hit, Query, matching_globs, search, select_files
+from velmora.search import Hit, Query, Run, matching_globs, matching_lines, search, select_files
 from velmora.storage import chunk_store, code_text
 from velmora.utils.fsio import is_plain_relative
 
-__all__ = ["Hit", "Query", "Repository", "RepositoryError", "find_root"]
+__all__ = ["Hit", "Query", "Repository", "RepositoryError", "Run", "find_root"]
+
+_T = TypeVar("_T")
 
 # What a value of the wrong type or shape in a tampered index raises as it is read.
 _DAMAGE = (zlib.error, UnicodeError, TypeError, ValueError, OverflowError)
@@ -111,12 +114,38 @@ class Repository:
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
         changed since the index was written are taken as they are now.
         """
-        try:
-            files, from_disk, stale = self._files(globs, paths, types, refresh)
-            results, reason = search(
+        return self._searched(
+            lambda files, from_disk: search(
                 self._db, query, files, before=before, after=after, max_count=max_count,
                 from_disk=from_disk,
-            )
+            ),
+            globs, paths, types, refresh,
+        )
+
+    def matching_lines(
+        self,
+        query: Query,
+        *,
+        globs: Sequence[str] = (),
+        paths: Sequence[str] = (),
+        types: Sequence[str] = (),
+        refresh: bool = True,
+    ) -> tuple[Iterator[tuple[str, list[Run]]], str | None]:
+        """As ``search`` without context or a limit, each file's matches as runs of its
+        lines (``search.matching_lines``): the fast shape for printing them."""
+        return self._searched(
+            lambda files, from_disk: matching_lines(self._db, query, files, from_disk=from_disk),
+            globs, paths, types, refresh,
+        )
+
+    def _searched(
+        self,
+        run: Callable[[list[code_text.FileRow], set[int]], tuple[Iterator[_T], str | None]],
+        globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool,
+    ) -> tuple[Iterator[_T], str | None]:
+        try:
+            files, from_disk, stale = self._files(globs, paths, types, refresh)
+            results, reason = run(files, from_disk)
         except file_types.UnknownType:
             raise  # the caller's mistake, not the index's
         except _DAMAGE as error:
@@ -145,9 +174,7 @@ class Repository:
         rows = _limited(select_files(self._db), globs, paths, types)
         return [(row[1], size[row[0]]) for row in rows]
 
-    def _guarded(
-        self, results: Iterator[tuple[str, list[Hit]]]
-    ) -> Iterator[tuple[str, list[Hit]]]:
+    def _guarded(self, results: Iterator[_T]) -> Iterator[_T]:
         try:
             yield from results
         except _DAMAGE as error:

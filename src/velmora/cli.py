@@ -254,19 +254,29 @@ def _search(args: argparse.Namespace) -> int:
 
         print(indexer.index(root).line(), file=sys.stderr)
     under = [prefix for _, prefix in limits]
+    context = bool(args.before or args.after)
+    color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
+    # Plain lines, counts and file names print straight from the matched lines, without an
+    # object per match; a case-ignoring needle's columns need the per-match path.
+    plain = not (context or color or args.stats or args.max_count is not None) and (
+        args.mode in ("count", "files")
+        or args.mode == "lines" and (query.pattern is not None or query.case_sensitive)
+    )
     with Repository.open(root, create=False) as repo:
-        results, reason = repo.search(
-            query, globs=args.glob, paths=under, types=types, before=args.before,
-            after=args.after, max_count=args.max_count, refresh=args.refresh,
-        )
+        limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
+        if plain:
+            runs, reason = repo.matching_lines(query, **limited)
+        else:
+            results, reason = repo.search(
+                query, before=args.before, after=args.after, max_count=args.max_count, **limited
+            )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)
         printer = output.Printer(
-            query, sys.stdout, mode=args.mode, context=bool(args.before or args.after),
-            color=args.color == "always" or (args.color == "auto" and sys.stdout.isatty()),
+            query, sys.stdout, mode=args.mode, context=context, color=color,
             shown=_shown(limits), read=lambda path: _read(root, path), stats=args.stats,
         )
-        found = printer.print_all(results)
+        found = printer.print_runs(runs) if plain else printer.print_all(results)
         if args.stats or args.mode == "json":
             searched = repo.files(globs=args.glob, paths=under, types=types)
             printer.finish(len(searched), sum(size for _, size in searched))

@@ -8,7 +8,7 @@ from collections.abc import Callable, Iterable
 from itertools import accumulate
 from typing import TextIO
 
-from velmora.search import Hit, Query
+from velmora.search import Hit, Query, Run
 
 PATH, NUMBER, MATCH, RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
 
@@ -261,6 +261,35 @@ class Printer:
             self.found = True
             took = clock()
         return self.found
+
+    def print_runs(self, results: Iterable[tuple[str, list[Run]]]) -> bool:
+        """Print every file's matching lines, as ``print_all`` does with neither context,
+        colour, statistics nor JSON: formatted straight from the runs; whether anything
+        matched."""
+        write, mode, shown, found = self.out.write, self.mode, self.shown, False
+        for path, runs in results:
+            if mode == "files":
+                if not any(any(True for _ in matches) for _, _, matches in runs):
+                    continue
+                block = f"{shown(path)}\n"
+            elif mode == "count":
+                count = sum(sum(1 for _ in matches) for _, _, matches in runs)
+                if not count:
+                    continue
+                block = f"{shown(path)}:{count}\n"
+            else:
+                prefix = shown(path)
+                block = "".join([
+                    f"{prefix}:{first + number - 1}:{column + 1}:{lines[number - 1]}\n"
+                    for first, lines, matches in runs
+                    for number, column in matches
+                ])
+                if not block:
+                    continue
+            write(block)
+            found = True
+        self.found = found
+        return found
 
     def _count(self, hits: list[Hit], block: str, searched: float) -> None:
         totals = self.totals

@@ -84,9 +84,18 @@ class Hit(NamedTuple):
     context: list[tuple[int, str]]
 
 
-# A run of a file's lines: (number of its first line, the lines, whether it ends the file,
-# the (number within the run, column) of each matching line).
-_Segment = tuple[int, list[str], bool, Iterable[tuple[int, int]]]
+class Run(NamedTuple):
+    """Consecutive lines of a file: the number of the first, the lines, and the (number within
+    the run, 0-based column) of the first match on each matching line, found as it is read."""
+
+    first: int
+    lines: list[str]
+    matches: Iterable[tuple[int, int]]
+
+
+# A run of a file's lines: (number of its first line, the lines, whether it ends the file, how
+# many of its lines cannot match, the matches in the lines after those, numbered from 1 there).
+_Segment = tuple[int, list[str], bool, int, Iterable[tuple[int, int]]]
 
 
 def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
@@ -129,6 +138,51 @@ def search(
     (files changed since it was written). The other files are read a group at a time, so a
     search holds only one group's text.
     """
+    source, segmented, reason = _segmented(db, query, files, from_disk, bool(before or after))
+
+    def per_file() -> Iterator[tuple[str, list[Hit]]]:
+        for row, segments in segmented:
+            hits = _file_hits(source, row, segments, before, after, max_count)
+            if hits:
+                yield row[1], hits
+
+    return per_file(), reason
+
+
+def matching_lines(
+    db: Database,
+    query: Query,
+    files: Sequence[code_text.FileRow],
+    *,
+    from_disk: Collection[int] = frozenset(),
+) -> tuple[Iterator[tuple[str, list[Run]]], str | None]:
+    """As ``search`` without context or a limit, each file's matches as runs of its lines:
+    no object per match, for output that only needs each matching line and its place. A file
+    may come with runs that hold no match."""
+    _, segmented, reason = _segmented(db, query, files, from_disk, False)
+    runs = (
+        (row[1], [
+            _new_run(Run, (first + skipped, lines[skipped:] if skipped else lines, found))
+            for first, lines, _, skipped, found in segments
+        ])
+        for row, segments in segmented
+    )
+    return runs, reason
+
+
+def _segmented(
+    db: Database,
+    query: Query,
+    files: Sequence[code_text.FileRow],
+    from_disk: Collection[int],
+    with_last: bool,
+) -> tuple[
+    code_text.ChunkText | code_text.DiskText | DiskOverlay,
+    Iterator[tuple[code_text.FileRow, list[_Segment]]],
+    str | None,
+]:
+    """The source of whole files, the files that may match with their segments, and why the
+    files are read from disk."""
     store = chunk_store.layout(db)
     source: code_text.ChunkText | code_text.DiskText | DiskOverlay
     source, on_disk, reason = _text_source(db, query, store)
@@ -147,7 +201,7 @@ def search(
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
-            db, store, files, _plan(query), on_disk, with_last=bool(before or after), holding=held
+            db, store, files, _plan(query), on_disk, with_last=with_last, holding=held
         )
     else:
         texts = ((row, []) for row in files)
@@ -155,14 +209,13 @@ def search(
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     line_matches = code_text.line_matches
 
-    def per_file() -> Iterator[tuple[str, list[Hit]]]:
+    def per_file() -> Iterator[tuple[code_text.FileRow, list[_Segment]]]:
         for row, chunks in texts:
-            file_id, path = row[0], row[1]
             segments: list[_Segment]
-            if reason is not None or file_id in on_disk:
+            if reason is not None or row[0] in on_disk:
                 segments = [
-                    (first, lines, last, line_matches(lines, needle, pattern, case_sensitive))
-                    for first, lines, last in source.segments(file_id, path)
+                    (first, lines, last, 0, line_matches(lines, needle, pattern, case_sensitive))
+                    for first, lines, last in source.segments(row[0], row[1])
                 ]
             elif chunks:
                 segments = _chunk_segments(chunks, first_line, query)
@@ -170,11 +223,9 @@ def search(
                 # Most files of a selective search have no candidate: nothing more to do.
                 continue
             if segments:
-                hits = _file_hits(source, row, segments, before, after, max_count)
-                if hits:
-                    yield path, hits
+                yield row, segments
 
-    return per_file(), reason
+    return source, per_file(), reason
 
 
 # A needle that no text holds, to ask the module where the text comes from without selecting
@@ -217,19 +268,9 @@ def _chunk_segments(
         if skipped < 0 or end < first:
             continue  # no match, or a file without a line
         lines = chunk_lines(first, end, text)
-        found: Iterable[tuple[int, int]]
-        if skipped:
-            found = _shifted(line_matches(lines[skipped:], needle, pattern, case_sensitive), skipped)
-        else:
-            found = line_matches(lines, needle, pattern, case_sensitive)
-        segments.append((first, lines, last, found))
+        rest = lines[skipped:] if skipped else lines
+        segments.append((first, lines, last, skipped, line_matches(rest, needle, pattern, case_sensitive)))
     return segments
-
-
-def _shifted(found: Iterable[tuple[int, int]], skipped: int) -> Iterator[tuple[int, int]]:
-    """Matches in the lines after the first ``skipped``, numbered as in all the lines."""
-    for number, column in found:
-        yield number + skipped, column
 
 
 def _file_hits(
@@ -239,23 +280,24 @@ def _file_hits(
     # Runs once per match: the work per match is kept to a few tuples.
     file_id, path = row[0], row[1]
     hits: list[Hit] = []
-    for first, lines, last, found in segments:
+    for first, lines, last, skipped, found in segments:
         if max_count is not None:
             room = max_count - len(hits)
             if room <= 0:
                 break
             found = islice(found, room)  # stops the scan at the last match wanted
+        base = first + skipped - 1  # the number of the line before the first that may match
         if not (before or after):
             # A match's context is its own line, always inside the segment.
             hits += [
-                _new_hit(Hit, (line, column, [(line, lines[number - 1])]))
+                _new_hit(Hit, (line, column, [(line, lines[line - first])]))
                 for number, column in found
-                for line in (first + number - 1,)
+                for line in (base + number,)
             ]
             continue
         end = first + len(lines) - 1
         for number, column in found:
-            line = first + number - 1
+            line = base + number
             low, high = max(1, line - before), line + after
             if low >= first and (high <= end or last):
                 hits.append(_new_hit(Hit, (line, column, _numbered(lines, first, low, high))))
@@ -272,5 +314,5 @@ def _numbered(lines: list[str], first: int, low: int, high: int) -> list[tuple[i
     return list(zip(range(low, high + 1), lines[low - first : high - first + 1]))
 
 
-# Makes a Hit without the Python-level constructor of a named tuple.
-_new_hit = tuple.__new__
+# Make a Hit or a Run without the Python-level constructor of a named tuple.
+_new_hit = _new_run = tuple.__new__
