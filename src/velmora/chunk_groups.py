@@ -103,8 +103,19 @@ def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool
     )
     if store == "code_chunks":
         return rows
-    decode = chunk_store._decoder(db)
-    return ((rowid, start, end, decode(body), last) for rowid, start, end, body, last in rows)
+    decoder = chunk_store._codec(db)
+    if holding is None:
+        decode = decoder.decode
+        return ((rowid, start, end, decode(body), last) for rowid, start, end, body, last in rows)
+    # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes,
+    # a chunk without it costs neither a str nor a row.
+    decode_holding, needle = decoder.decode_holding, holding.encode("utf-8")
+    return (
+        (rowid, start, end, text, last)
+        for rowid, start, end, body, last in rows
+        for text in (decode_holding(body, needle),)
+        if text is not None
+    )
 
 
 # Makes a Chunk without the Python-level constructor of a named tuple.

@@ -352,19 +352,24 @@ def _searchable(text: str) -> str:
 
 
 def _decoder(db) -> Any:
-    """The function that turns a chunk body of ``db`` back into its text.
+    """The function that turns a chunk body of ``db`` back into its text."""
+    return _codec(db).decode
+
+
+def _codec(db) -> codec.Decoder:
+    """The decoder of ``db``'s chunk bodies.
 
     Kept on the database handle: making one loads the dictionary, and a handle's
     dictionary does not change while it is open for reading.
     """
-    decode = getattr(db, "_chunk_decoder", None)
-    if decode is None:
-        decode = codec.Decoder(dictionary(db)).decode
+    decoder = getattr(db, "_chunk_codec", None)
+    if decoder is None:
+        decoder = codec.Decoder(dictionary(db))
         try:
-            db._chunk_decoder = decode
+            db._chunk_codec = decoder
         except (AttributeError, TypeError):
             pass
-    return decode
+    return decoder
 
 
 def _handle(cursor: sqlite3.Cursor) -> Any:

@@ -67,6 +67,15 @@ class Decoder:
         except (zstandard.ZstdError, UnicodeDecodeError, TypeError) as error:
             raise CodecError(f"a stored chunk cannot be read ({error})") from None
 
+    def decode_holding(self, body: bytes, needle: bytes) -> str | None:
+        """The text, or None when its UTF-8 does not hold ``needle``: most chunks of a search
+        that the index cannot narrow are dropped before they are turned into a str."""
+        try:
+            data = self._decompress(body)
+            return data.decode("utf-8") if needle in data else None
+        except (zstandard.ZstdError, UnicodeDecodeError, TypeError) as error:
+            raise CodecError(f"a stored chunk cannot be read ({error})") from None
+
 
 def _dictionary(data: bytes) -> zstandard.ZstdCompressionDict | None:
     return zstandard.ZstdCompressionDict(data) if data else None
