@@ -62,7 +62,9 @@ def _index_problem(error: sqlite3.Error) -> str:
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="velmora", description="Index a repository and search its code.")
+    parser = argparse.ArgumentParser(
+        prog="velmora", description="Index a repository and search its code.", formatter_class=_Formatter
+    )
     commands = parser.add_subparsers(dest="command", required=True, parser_class=_CommandParser)
 
     index = commands.add_parser("index", help="index a repository, or bring its index up to date")
@@ -155,11 +157,36 @@ class _BothSides(argparse.Action):
         namespace.before = namespace.after = values
 
 
+class _Formatter(argparse.HelpFormatter):
+    """argparse's layout, as wide as the terminal as shutil would measure it: importing
+    shutil, as argparse does for that, costs a search a few milliseconds of start-up."""
+
+    def __init__(self, prog: str, **options) -> None:
+        options.setdefault("width", _columns() - 2)
+        super().__init__(prog, **options)
+
+
+def _columns() -> int:
+    try:
+        columns = int(os.environ["COLUMNS"])
+    except (KeyError, ValueError):
+        columns = 0
+    if columns > 0:
+        return columns
+    try:
+        return os.get_terminal_size(sys.__stdout__.fileno()).columns or 80
+    except (AttributeError, ValueError, OSError):
+        return 80
+
+
 class _CommandParser(argparse.ArgumentParser):
     """A subcommand's parser: options and positionals in any order, as grep users write
     them, and a wrong argument answered with this subcommand's usage."""
 
     _nested = False
+
+    def __init__(self, *args, **options) -> None:
+        super().__init__(*args, formatter_class=_Formatter, **options)
 
     def parse_known_args(self, args=None, namespace=None):
         if self._nested or any(a.nargs == argparse.PARSER for a in self._get_positional_actions()):

@@ -14,7 +14,6 @@ import sqlite3
 import stat
 import time
 from collections.abc import Collection
-from dataclasses import dataclass, field
 from pathlib import Path
 
 from velmora import schema
@@ -31,14 +30,15 @@ _RACY_NS = 2_000_000_000
 LISTED_DIRS = "listed_dirs"
 
 
-@dataclass
 class Changes:
     """What differs between the index and the tree."""
 
-    changed: dict[int, str] = field(default_factory=dict)  # file id -> path, text differs
-    removed: set[int] = field(default_factory=set)  # file ids no longer in the tree
-    added: list[str] = field(default_factory=list)  # paths the index does not hold
-    listed: tuple[int, list[str]] | None = None  # a fresh listing: its start, its directories
+    # A plain class: dataclasses would cost every search a tenth of its start-up in imports.
+    def __init__(self) -> None:
+        self.changed: dict[int, str] = {}  # file id -> path, text differs
+        self.removed: set[int] = set()  # file ids no longer in the tree
+        self.added: list[str] = []  # paths the index does not hold
+        self.listed: tuple[int, list[str]] | None = None  # a fresh listing: its start, its directories
 
     def __bool__(self) -> bool:
         return bool(self.changed or self.removed or self.added)
