@@ -111,7 +111,7 @@ def test_errors_the_run_meets_are_reported(repo, monkeypatch, capsys, error, cod
     def fail(*args, **kwargs):
         raise error
 
-    monkeypatch.setattr(cli.Repository, "search", fail)
+    monkeypatch.setattr(cli.Repository, "_searched", fail)
     assert cli.main(["search", "code", "x", str(repo)]) == code
     assert words in capsys.readouterr().err
 
