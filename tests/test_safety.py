@@ -32,7 +32,7 @@ def velmora(*argv: str | Path, cwd: Path) -> subprocess.CompletedProcess[str]:
 def repo(tmp_path: Path) -> Path:
     root = tmp_path / "repo"
     (root / "sub").mkdir(parents=True)
-    (root / "a.py").write_text("def secret_name():\n    return 1\n")
+    (root / "a.py").write_text("def secret_name():\n    return 1\n" * 3000)  # chunks enough to decode at once
     (root / "sub" / "data.json").write_text(BIG_JSON)  # its text stays on disk
     subprocess.run(["git", "init", "-q", str(root)], check=True)
     assert velmora("index", cwd=root).returncode == 0
@@ -47,7 +47,8 @@ def tamper(root: Path, *statements: str) -> None:
 
 @pytest.mark.parametrize("layout", ["code_chunks", "compressed"])
 @pytest.mark.parametrize("statements", [
-    ["UPDATE chunk_text SET body = x'00ff'"],  # not zlib data
+    ["UPDATE chunk_text SET body = x'00ff'"],  # not a zstd frame
+    ["UPDATE chunk_text SET body = x'28b52ffde00000000000000400010000'"],  # claims a petabyte
     ["UPDATE chunk_text SET body = 7"],
     ["UPDATE code_chunks SET start_line = NULL"],
     ["UPDATE chunk_text SET start_line = 'one'"],

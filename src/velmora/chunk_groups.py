@@ -103,17 +103,15 @@ def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool
     )
     if store == "code_chunks":
         return rows
-    decoder = chunk_store._codec(db)
-    if holding is None:
-        decode = decoder.decode
-        return ((rowid, start, end, decode(body), last) for rowid, start, end, body, last in rows)
-    # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes,
-    # a chunk without it costs neither a str nor a row.
-    decode_holding, needle = decoder.decode_holding, holding.encode("utf-8")
+    # A group's bodies are decoded in one call, which spreads them over both cores. A text
+    # holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes, a
+    # chunk without it costs neither a str nor a row.
+    rows = list(rows)
+    needle = b"" if holding is None else holding.encode("utf-8")
+    texts = chunk_store._codec(db).decode_many([row[3] for row in rows], needle)
     return (
         (rowid, start, end, text, last)
-        for rowid, start, end, body, last in rows
-        for text in (decode_holding(body, needle),)
+        for (rowid, start, end, _, last), text in zip(rows, texts)
         if text is not None
     )
 
