@@ -10,6 +10,7 @@ import sqlite3
 import subprocess
 import sys
 import textwrap
+from contextlib import closing
 from pathlib import Path
 
 import pytest
@@ -139,11 +140,8 @@ def json_hits(out: str, args: list[str]) -> list[dict]:
 
 
 def files_table(root: Path) -> dict[str, tuple[str, int]]:
-    con = sqlite3.connect(schema.index_path(root))
-    try:
+    with closing(sqlite3.connect(schema.index_path(root))) as con:
         return {p: (lang, on_disk) for p, lang, on_disk in con.execute("SELECT path, language, text_on_disk FROM files")}
-    finally:
-        con.close()
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
@@ -156,10 +154,8 @@ def test_index_and_search_follow_the_files(repo, capsys, layout):
         err,
     )
     table = files_table(repo)
-    assert set(table) == set(FILES)
-    assert table["data/big.json"] == ("json", 1)
-    assert table["data/small.json"] == ("json", 0)
-    assert table["lib/shlex.py"] == ("python", 0)
+    assert set(table) == set(FILES) and table["lib/shlex.py"] == ("python", 0)
+    assert (table["data/big.json"], table["data/small.json"]) == (("json", 1), ("json", 0))
 
     for args, query in QUERIES:
         assert search_json(capsys, args, query) == disk_scan(repo, FILES, args, query), (args, query)
@@ -256,7 +252,7 @@ def test_bad_input_writes_nothing(repo, capsys, argv, message):
     assert not (repo / ".velmora").exists()
 
 
-@pytest.mark.parametrize("version", ["3.2.0", "4.1.0", "2.9.1", "banana"])
+@pytest.mark.parametrize("version", ["3.2.0", "4.2.0", "2.9.1", "banana"])
 def test_an_index_of_another_schema_is_refused(repo, capsys, version):
     run(capsys, "index", repo)
     con = sqlite3.connect(schema.index_path(repo))

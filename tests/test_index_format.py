@@ -86,28 +86,33 @@ def hits(capsys, root: Path) -> list[tuple[str, int]]:
     )
 
 
-def test_a_compressed_index_of_schema_3_1_is_converted_in_place(tmp_path, capsys):
+@pytest.mark.parametrize("version", ["3.1.0", "4.0.0"])
+def test_a_compressed_index_of_an_older_schema_is_converted_in_place(tmp_path, capsys, version):
     root = make_repo(tmp_path / "r", FILES)
     assert run(capsys, "index", root)[0] == 0
     expected = hits(capsys, root)
-    # Rewrite it as 3.1 stored it: zlib bodies, a positional trigram index, no inode.
     con = sqlite3.connect(schema.index_path(root))
+    counts = dict(con.execute("SELECT id, chunks FROM files"))
     with con:
-        rows = list(chunk_store.matching_rows(Database(schema.index_path(root)), None, {1, 2, 3}))
-        for table in ("chunk_text", "chunk_trigrams", "chunk_dictionary"):
-            con.execute(f"DROP TABLE {table}")
-        con.execute("CREATE TABLE chunk_text (id INTEGER PRIMARY KEY, start_line INTEGER NOT NULL, "
-                    "end_line INTEGER NOT NULL, body BLOB NOT NULL)")
-        con.execute("CREATE VIRTUAL TABLE chunk_trigrams USING fts5(text, content='', tokenize='trigram')")
-        for rowid, start, end, text, _ in rows:
-            con.execute("INSERT INTO chunk_text VALUES (?, ?, ?, ?)", (rowid, start, end, zlib.compress(text.encode())))
-            con.execute("INSERT INTO chunk_trigrams (rowid, text) VALUES (?, ?)", (rowid, text))
-        con.execute("ALTER TABLE files DROP COLUMN inode")
-        con.execute("DROP TABLE skipped")
-        con.execute("UPDATE meta SET value = '3.1.0' WHERE key = 'schema_version'")
+        if version == "3.1.0":  # zlib bodies, a positional trigram index, no inode
+            rows = list(chunk_store.matching_rows(Database(schema.index_path(root)), None, {1, 2, 3}))
+            for table in ("chunk_text", "chunk_trigrams", "chunk_dictionary"):
+                con.execute(f"DROP TABLE {table}")
+            con.execute("CREATE TABLE chunk_text (id INTEGER PRIMARY KEY, start_line INTEGER NOT NULL, "
+                        "end_line INTEGER NOT NULL, body BLOB NOT NULL)")
+            con.execute("CREATE VIRTUAL TABLE chunk_trigrams USING fts5(text, content='', tokenize='trigram')")
+            for rowid, start, end, text, _ in rows:
+                con.execute("INSERT INTO chunk_text VALUES (?, ?, ?, ?)", (rowid, start, end, zlib.compress(text.encode())))
+                con.execute("INSERT INTO chunk_trigrams (rowid, text) VALUES (?, ?)", (rowid, text))
+            con.execute("ALTER TABLE files DROP COLUMN inode")
+            con.execute("DROP TABLE skipped")
+        con.execute("DROP INDEX files_chunks")
+        con.execute("ALTER TABLE files DROP COLUMN chunks")
+        con.execute("UPDATE meta SET value = ? WHERE key = 'schema_version'", (version,))
     assert hits(capsys, root) == expected
     assert con.execute("SELECT value FROM meta WHERE key = 'schema_version'").fetchone()[0] == schema.SCHEMA_VERSION
     assert "detail=none" in con.execute("SELECT sql FROM sqlite_master WHERE name = 'chunk_trigrams'").fetchone()[0]
+    assert dict(con.execute("SELECT id, chunks FROM files")) == counts
     assert run(capsys, "index", root)[2].startswith("indexed 3 files (0 added, 0 changed, 0 removed)")
 
 

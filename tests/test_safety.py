@@ -8,12 +8,13 @@ import sqlite3
 import subprocess
 import sys
 from pathlib import Path
+from unittest import mock
 
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from velmora import api, cli, schema
+from velmora import api, cli, db, schema
 from velmora.utils.fsio import is_plain_relative
 
 BIG_JSON = "[\n" + ",\n".join(f'  "value {i}"' for i in range(3000)) + "\n]\n"
@@ -32,7 +33,8 @@ def velmora(*argv: str | Path, cwd: Path) -> subprocess.CompletedProcess[str]:
 def repo(tmp_path: Path) -> Path:
     root = tmp_path / "repo"
     (root / "sub").mkdir(parents=True)
-    (root / "a.py").write_text("def secret_name():\n    return 1\n" * 3000)  # chunks enough to decode at once
+    # Chunks enough to decode at once; the last alone holds "the_end".
+    (root / "a.py").write_text("def secret_name():\n    return 1\n" * 3000 + "the_end = 2\n")
     (root / "sub" / "data.json").write_text(BIG_JSON)  # its text stays on disk
     subprocess.run(["git", "init", "-q", str(root)], check=True)
     assert velmora("index", cwd=root).returncode == 0
@@ -57,6 +59,8 @@ def tamper(root: Path, *statements: str) -> None:
     ["UPDATE meta SET value = 'soon' WHERE key = 'last_run_ns'"],
     ["UPDATE files SET path = '/etc/hostname' WHERE path = 'sub/data.json'"],
     ["UPDATE files SET path = '../outside.json' WHERE path = 'sub/data.json'"],
+    ["DELETE FROM code_chunks WHERE rowid = (SELECT max(rowid) FROM code_chunks WHERE rowid < 2097152)"],  # a.py's last
+    ["DELETE FROM chunk_text WHERE id = (SELECT max(id) FROM chunk_text WHERE id < 2097152)"],
 ])
 def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements):
     (repo.parent / "outside.json").write_text('["value 1 outside"]\n')
@@ -65,7 +69,8 @@ def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements)
         tamper(repo, *statements)
     except sqlite3.OperationalError:
         pytest.skip("a table of the other layout")
-    for argv in (["--no-refresh", "secret"], ["--no-refresh", "value 1"], ["value 1"]):
+    for argv in (["--no-refresh", "secret"], ["--no-refresh", "the_end"], ["--no-refresh", "t.e.e.d"],
+                 ["--no-refresh", "value 1"], ["value 1"]):
         capsys.readouterr()
         code = cli.main(["search", "code", *argv, str(repo)])
         out, err = capsys.readouterr()
@@ -103,17 +108,21 @@ def test_reads_stay_in_the_repository_and_never_block(repo, tmp_path, refresh):
 
 
 @pytest.mark.parametrize("error, code, words", [
-    (sqlite3.OperationalError("database is locked"), 2, "another process is writing the index"),
+    (None, 2, "another process is writing the index (database is locked)"),
     (sqlite3.DatabaseError("database disk image is malformed"), 2, "velmora index --rebuild"),
     (sqlite3.OperationalError("no such column: size"), 2, "velmora index --rebuild"),
     (KeyboardInterrupt(), 130, "interrupted"),
 ])
 def test_errors_the_run_meets_are_reported(repo, monkeypatch, capsys, error, code, words):
-    def fail(*args, **kwargs):
-        raise error
-
-    monkeypatch.setattr(cli.Repository, "_searched", fail)
+    holder = sqlite3.connect(schema.index_path(repo), isolation_level=None)
+    if error is None:  # a writer holding the whole file past the readers' wait
+        monkeypatch.setattr(db, "BUSY_SECONDS", 0.01)
+        holder.execute("PRAGMA locking_mode = EXCLUSIVE")
+        holder.execute("BEGIN EXCLUSIVE")
+    else:
+        monkeypatch.setattr(cli.Repository, "_searched", mock.Mock(side_effect=error))
     assert cli.main(["search", "code", "x", str(repo)]) == code
+    holder.close()
     assert words in capsys.readouterr().err
 
 

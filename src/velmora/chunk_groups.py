@@ -7,6 +7,7 @@ from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
 from typing import NamedTuple
 
+from velmora import chunk_counts
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
 
@@ -42,7 +43,9 @@ def file_chunks(
     left out, unless its id is in ``keep`` (it then comes with an empty list).
 
     ``with_last`` asks for each chunk's ``last`` flag. ``holding``, when given, is a text
-    that every chunk let through holds (the ``code_chunks`` layout tests it as it reads)."""
+    that every chunk let through holds (the ``code_chunks`` layout tests it as it reads).
+    A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
+    chunk_counts.check_totals(db, store)
     if plan is None:
         yield from _groups(db, store, files, None, with_last, holding)
         return
@@ -73,18 +76,16 @@ def _groups(db, store, files, rowids: array | None, with_last: bool, holding: st
 def _read_group(db, store, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
     found: dict[int, list[Chunk]] = {}
     if wanted:
-        for rowid, start, end, text, last in _chunk_rows(db, store, wanted, whole_files, with_last, holding):
+        for rowid, start, end, text, last in _chunk_rows(db, store, group, wanted, whole_files, with_last, holding):
             found.setdefault(rowid // STRIDE, []).append(_new_chunk(Chunk, (start, end, text, last)))
     for row in group:
         yield row, found.pop(row[0], [])
 
 
-def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool, holding):
+def _chunk_rows(db, store, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
     """(row id, first line, last line, text, last flag) of the chunks, each file's in order."""
-    if store == "code_chunks":
-        table, key, text = "code_chunks", "rowid", "coalesce(c.exact, c.text)"
-    else:
-        table, key, text = chunk_store.COMPRESSED_TABLE, "id", "c.body"
+    table, key = chunk_store.chunk_table(store)
+    text = "coalesce(c.exact, c.text)" if store == "code_chunks" else "c.body"
     if whole_files:
         where = f"c.{key} >= w.value * {STRIDE} AND c.{key} < (w.value + 1) * {STRIDE}"
     else:
@@ -107,6 +108,7 @@ def _chunk_rows(db, store, wanted: list[int], whole_files: bool, with_last: bool
     # holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes, a
     # chunk without it costs neither a str nor a row.
     rows = list(rows)
+    chunk_counts.check_read(db, group, None if whole_files else len(wanted), len(rows))
     needle = b"" if holding is None else holding.encode("utf-8")
     texts = chunk_store._codec(db).decode_many([row[3] for row in rows], needle)
     return (

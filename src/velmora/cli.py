@@ -12,6 +12,7 @@ from pathlib import Path
 
 from velmora import schema
 from velmora.api import Repository, RepositoryError, find_root
+from velmora.db import is_busy
 from velmora.search import Query, QueryError
 from velmora.utils.fsio import read_bytes_no_follow
 
@@ -50,7 +51,7 @@ def main(argv: Sequence[str] | None = None) -> int:
 
 def _index_problem(error: sqlite3.Error) -> str:
     text = str(error)
-    if "locked" in text or "busy" in text:
+    if is_busy(error):
         return f"another process is writing the index ({text}); try again when it is done"
     # A table or column this version expects is missing: the index was made by some other
     # build of velmora, or altered by hand.

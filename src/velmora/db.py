@@ -8,13 +8,17 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Any, Sequence
 
+# How long a connection waits for another's lock.  A reader of an index in WAL mode meets
+# one only while a writer holds the whole file (exclusive locking mode).
+BUSY_SECONDS = 5.0
+
 
 class Database:
     """One SQLite index database, opened on ``db_path``."""
 
     def __init__(self, db_path: str | Path) -> None:
         self.db_path = Path(db_path)
-        self.connection = sqlite3.connect(self.db_path)
+        self.connection = sqlite3.connect(self.db_path, timeout=BUSY_SECONDS)
 
     def read_only(self) -> None:
         """Refuse writes on this connection: a search only reads.
@@ -53,3 +57,9 @@ class Database:
 
     def close(self) -> None:
         self.connection.close()
+
+
+def is_busy(error: sqlite3.Error) -> bool:
+    """Whether the error is another connection's lock, which waiting it out would clear."""
+    code = getattr(error, "sqlite_errorcode", None) or 0
+    return (code & 0xFF) in (sqlite3.SQLITE_BUSY, sqlite3.SQLITE_LOCKED)

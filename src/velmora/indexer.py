@@ -243,7 +243,7 @@ def _update(
             chunk_store.drop_tables(cursor)
             chunk_store.create_tables(cursor, wanted)
             # Every file is parsed again into the new layout; a size of -1 never matches.
-            cursor.execute("UPDATE files SET size = -1, text_on_disk = 0")
+            cursor.execute("UPDATE files SET size = -1, text_on_disk = 0, chunks = 0")
         if wanted == "compressed" and not cursor.execute(
             f"SELECT 1 FROM {chunk_store.COMPRESSED_TABLE} LIMIT 1"
         ).fetchone():
@@ -486,11 +486,11 @@ class _Writer:
                 "UPDATE files SET size = ?, mtime_ns = ?, inode = ? WHERE id = ?", (*stamp, known.id)
             )
         else:
-            row = (done.language, *stamp, done.sha1, int(done.on_disk))
+            row = (done.language, *stamp, done.sha1, int(done.on_disk), len(done.encoded))
             if known is None:
                 file_id = cursor.execute(
-                    "INSERT INTO files (language, size, mtime_ns, inode, sha1, text_on_disk, path) "
-                    "VALUES (?, ?, ?, ?, ?, ?, ?)",
+                    "INSERT INTO files (language, size, mtime_ns, inode, sha1, text_on_disk, "
+                    "chunks, path) VALUES (?, ?, ?, ?, ?, ?, ?, ?)",
                     (*row, done.path),
                 ).lastrowid
                 assert file_id is not None  # an INSERT always gives its row id
@@ -500,7 +500,7 @@ class _Writer:
                 chunk_store.drop_chunks(cursor, self.store, file_id)
                 cursor.execute(
                     "UPDATE files SET language = ?, size = ?, mtime_ns = ?, inode = ?, sha1 = ?, "
-                    "text_on_disk = ? WHERE id = ?",
+                    "text_on_disk = ?, chunks = ? WHERE id = ?",
                     (*row, file_id),
                 )
                 self.summary.changed += 1

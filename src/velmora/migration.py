@@ -14,25 +14,36 @@ _OLD_TABLE = "chunk_text_v3"
 _ROWS_PER_STEP = 2000
 
 
-def migrate(db: Database, progress: bool = True) -> int:
-    """Bring a schema 3.x index to ``schema.SCHEMA_VERSION`` in one transaction.
+def migrate(db: Database, version: tuple[int, ...], progress: bool = True) -> None:
+    """Bring an index of schema ``version`` (one of ``schema.CONVERTED``) to
+    ``schema.SCHEMA_VERSION`` in one transaction.
 
-    A failure rolls every step back.  Returns how many files now keep their text on disk
-    (large data files of a 3.0 index).
+    A failure rolls every step back.  The large data files of a 3.0 index keep their text
+    on disk from then on.
     """
     with db.transaction() as cursor:
         columns = {row[1] for row in cursor.execute("PRAGMA table_info(files)")}
-        moved = 0
         if "text_on_disk" not in columns:
             cursor.execute("ALTER TABLE files ADD COLUMN text_on_disk INTEGER NOT NULL DEFAULT 0")
-            moved = code_text.keep_large_data_on_disk(cursor)
+            code_text.keep_large_data_on_disk(cursor)
         if "inode" not in columns:
             cursor.execute("ALTER TABLE files ADD COLUMN inode INTEGER NOT NULL DEFAULT 0")
         cursor.execute(schema.SKIPPED_DDL)
-        if chunk_store.layout(db) == "compressed":
+        store = chunk_store.layout(db)
+        if store == "compressed" and version < (4,):
             _recompress(cursor, progress)
+        if "chunks" not in columns:
+            _count_chunks(cursor, store)
         schema.set_meta(cursor, "schema_version", schema.SCHEMA_VERSION)
-    return moved
+
+
+def _count_chunks(cursor: sqlite3.Cursor, store: chunk_store.Layout | None) -> None:
+    """files.chunks, from the chunk rows each file has."""
+    cursor.execute(f"ALTER TABLE files ADD COLUMN {schema.CHUNKS_COLUMN}")
+    if store is not None:
+        rows = chunk_store.rows_per_file_sql(*chunk_store.chunk_table(store))
+        cursor.execute(f"UPDATE files SET chunks = {rows}")
+    cursor.execute(schema.CHUNKS_INDEX_DDL)
 
 
 def _recompress(cursor: sqlite3.Cursor, progress: bool) -> None:

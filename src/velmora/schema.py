@@ -16,24 +16,32 @@ from __future__ import annotations
 import sqlite3
 from pathlib import Path
 
-from velmora.db import Database
+from velmora.db import Database, is_busy
 from velmora.storage import chunk_store
 
 # 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
-# positions, files.inode, and the skipped table.
-SCHEMA_VERSION = "4.0.0"
+# positions, files.inode, and the skipped table.  4.1: files.chunks.
+SCHEMA_VERSION = "4.1.0"
+# The forms that ``migration`` converts in place.
+CONVERTED = ((3, 0), (3, 1), (4, 0))
 
 # The database lies two levels below the repository root: the search finds the root as
 # the third parent of the database file.
 INDEX_DIR = Path(".velmora") / "index"
 INDEX_NAME = "index.db"
 
+# How many chunk rows the file has, written with them: a search that reads fewer knows
+# the index lost some.
+CHUNKS_COLUMN = "chunks INTEGER NOT NULL DEFAULT 0"
+# Lets every search total the counts from a small b-tree instead of every row of files.
+CHUNKS_INDEX_DDL = "CREATE INDEX IF NOT EXISTS files_chunks ON files (chunks)"
 META_DDL = "CREATE TABLE IF NOT EXISTS meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)"
 FILES_DDL = (
     "CREATE TABLE IF NOT EXISTS files ("
     "id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, language TEXT NOT NULL, "
     "size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, sha1 TEXT NOT NULL, "
-    "text_on_disk INTEGER NOT NULL DEFAULT 0, inode INTEGER NOT NULL DEFAULT 0)"
+    "text_on_disk INTEGER NOT NULL DEFAULT 0, inode INTEGER NOT NULL DEFAULT 0, "
+    + CHUNKS_COLUMN + ")"
 )
 # What a pass left out of the index and why (a word of ``SKIP_REASONS``), with the file's
 # size, mtime and inode then, so that the next pass need not read it again.
@@ -61,6 +69,7 @@ def create(db: Database, store: chunk_store.Layout) -> None:
     with db.transaction() as cursor:
         cursor.execute(META_DDL)
         cursor.execute(FILES_DDL)
+        cursor.execute(CHUNKS_INDEX_DDL)
         cursor.execute(SKIPPED_DDL)
         chunk_store.create_tables(cursor, store)
         set_meta(cursor, "schema_version", SCHEMA_VERSION)
@@ -75,11 +84,11 @@ def open_index(path: Path, progress: bool = True) -> Database:
     db = Database(path)
     try:
         version = _version(db)
-        if version[:2] in ((3, 0), (3, 1)):
+        if version[:2] in CONVERTED:
             from velmora import migration  # only an old index needs it
 
-            migration.migrate(db, progress)
-        elif version[:2] != (4, 0):
+            migration.migrate(db, version, progress)
+        elif version[:2] != _parse(SCHEMA_VERSION)[:2]:
             newer = version > _parse(SCHEMA_VERSION)
             raise SchemaError(
                 f"{path}: the index has schema {'.'.join(map(str, version))}, "
@@ -110,6 +119,8 @@ def _version(db: Database) -> tuple[int, ...]:
     try:
         text = get_meta(db, "schema_version")
     except sqlite3.DatabaseError as error:
+        if is_busy(error):
+            raise  # a writer's lock, not damage
         raise SchemaError(
             f"{db.db_path}: not a readable velmora index ({error}); "
             "run `velmora index --rebuild`"

@@ -76,6 +76,20 @@ def fts_table(store: Layout) -> str:
     return TRIGRAM_TABLE if store == "compressed" else "code_chunks"
 
 
+def chunk_table(store: Layout) -> tuple[str, str]:
+    """The layout's table of chunk rows, and the name of its row-id column."""
+    return ("code_chunks", "rowid") if store == "code_chunks" else (COMPRESSED_TABLE, "id")
+
+
+def rows_per_file_sql(table: str, key: str) -> str:
+    """An SQL expression: how many rows of ``table`` (row ids in ``key``) belong to the
+    ``files`` row in scope."""
+    return (
+        f"(SELECT COUNT(*) FROM {table} c WHERE c.{key} >= files.id * {CHUNK_STRIDE} "
+        f"AND c.{key} < (files.id + 1) * {CHUNK_STRIDE})"
+    )
+
+
 # -- writer side ----------------------------------------------------------------------
 
 
