@@ -33,8 +33,7 @@ def velmora(*argv: str | Path, cwd: Path) -> subprocess.CompletedProcess[str]:
 def repo(tmp_path: Path) -> Path:
     root = tmp_path / "repo"
     (root / "sub").mkdir(parents=True)
-    # Chunks enough to decode at once; the last alone holds "the_end".
-    (root / "a.py").write_text("def secret_name():\n    return 1\n" * 3000 + "the_end = 2\n")
+    (root / "a.py").write_text("def secret_name():\n    return 1\n" * 3000 + "the_end = 2\n")  # the_end: its last chunk
     (root / "sub" / "data.json").write_text(BIG_JSON)  # its text stays on disk
     subprocess.run(["git", "init", "-q", str(root)], check=True)
     assert velmora("index", cwd=root).returncode == 0
