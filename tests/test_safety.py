@@ -60,6 +60,8 @@ def tamper(root: Path, *statements: str) -> None:
     ["UPDATE files SET path = '../outside.json' WHERE path = 'sub/data.json'"],
     ["DELETE FROM code_chunks WHERE rowid = (SELECT max(rowid) FROM code_chunks WHERE rowid < 2097152)"],  # a.py's last
     ["DELETE FROM chunk_text WHERE id = (SELECT max(id) FROM chunk_text WHERE id < 2097152)"],
+    ["UPDATE code_chunks SET start_line = start_line + 100"],  # lines past the file's end
+    ["UPDATE chunk_text SET start_line = start_line + 100"],
 ])
 def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements):
     (repo.parent / "outside.json").write_text('["value 1 outside"]\n')
@@ -79,10 +81,7 @@ def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements)
             assert err.count("\n") == 1 and "velmora index --rebuild" in err, err
 
 
-@pytest.mark.parametrize("argv", [
-    ["a{99999999999}"], ["(" * 3000 + ")" * 3000], ["(?<x"], ["-e", "[z-a]"],
-    ["x", "no/such/dir"],
-])
+@pytest.mark.parametrize("argv", [["a{99999999999}"], ["(" * 3000 + ")" * 3000], ["(?<x"]])
 def test_bad_input_is_one_line_and_exit_2(repo, argv):
     done = velmora("search", "code", *argv, cwd=repo)
     assert (done.returncode, done.stderr.count("\n")) == (2, 1), done.stderr

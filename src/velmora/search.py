@@ -218,7 +218,7 @@ def _segmented(
                     for first, lines, last in source.segments(row[0], row[1])
                 ]
             elif chunks:
-                segments = _chunk_segments(chunks, first_line, query)
+                segments = _chunk_segments(chunks, first_line, query, row[1])
             else:
                 # Most files of a selective search have no candidate: nothing more to do.
                 continue
@@ -257,17 +257,24 @@ def _plan(query: Query) -> str | None:
 
 
 def _chunk_segments(
-    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query
+    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query, path: str
 ) -> list[_Segment]:
-    """The chunks that may hold a match, as segments with their matches (found as read)."""
+    """The chunks of the file at ``path`` that may hold a match, as segments with their
+    matches (found as read)."""
     chunk_lines, line_matches = code_text._chunk_lines, code_text.line_matches
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     segments: list[_Segment] = []
     for first, end, text, last in chunks:
         skipped = 0 if first_line is None else first_line(text)
-        if skipped < 0 or end < first:
-            continue  # no match, or a file without a line
+        if skipped < 0:
+            continue  # no match
         lines = chunk_lines(first, end, text)
+        if len(lines) != end - first + 1:
+            # Numbers that disagree with the text would put its matches on other lines, or
+            # past the file's end, where they are lost.
+            raise ValueError(f"a chunk of {path} numbers lines {first}-{end} but holds {len(lines)}")
+        if not lines:
+            continue  # a file without a line
         rest = lines[skipped:] if skipped else lines
         segments.append((first, lines, last, skipped, line_matches(rest, needle, pattern, case_sensitive)))
     return segments
