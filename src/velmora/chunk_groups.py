@@ -14,7 +14,7 @@ from velmora.storage import chunk_store, code_text
 STRIDE = chunk_store.CHUNK_STRIDE
 # Chunks held at once: a few MB of text, whatever the size of the corpus.
 _GROUP_CHUNKS = 1024
-# Files per group when every chunk of a file is read (their chunk counts are not known).
+# Files per group when every chunk of a file is read.
 _GROUP_FILES = 64
 
 
