@@ -255,7 +255,8 @@ def _limited(
     types: Sequence[str],
 ) -> list[code_text.FileRow]:
     files = matching_globs(files, globs)
-    if paths:
+    # The whole tree, which a search without a path asks for, needs no test per file.
+    if paths and not any(limit.strip("/") in ("", ".") for limit in paths):
         files = [row for row in files if _under(row[1], paths)]
     of_type = file_types.matcher(types)
     if of_type is not None:
@@ -266,7 +267,7 @@ def _limited(
 def _under(path: str, limits: Sequence[str]) -> bool:
     for limit in limits:
         limit = limit.strip("/")
-        if limit in ("", ".") or path == limit or path.startswith(limit + "/"):
+        if path == limit or path.startswith(limit + "/"):
             return True
     return False
 
