@@ -174,8 +174,9 @@ def _columns() -> int:
         columns = 0
     if columns > 0:
         return columns
+    stdout = sys.__stdout__
     try:
-        return os.get_terminal_size(sys.__stdout__.fileno()).columns or 80
+        return (stdout and os.get_terminal_size(stdout.fileno()).columns) or 80
     except (AttributeError, ValueError, OSError):
         return 80
 
@@ -187,7 +188,8 @@ class _CommandParser(argparse.ArgumentParser):
     _nested = False
 
     def __init__(self, *args, **options) -> None:
-        super().__init__(*args, formatter_class=_Formatter, **options)
+        options.setdefault("formatter_class", _Formatter)
+        super().__init__(*args, **options)
 
     def parse_known_args(self, args=None, namespace=None):
         if self._nested or any(a.nargs == argparse.PARSER for a in self._get_positional_actions()):
