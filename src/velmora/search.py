@@ -218,7 +218,7 @@ def _segmented(
                     for first, lines, last in source.segments(row[0], row[1])
                 ]
             elif chunks:
-                segments = _chunk_segments(chunks, first_line, query, row[1])
+                segments = _chunk_segments(chunks, first_line, query, row[1], whole=with_last)
             else:
                 # Most files of a selective search have no candidate: nothing more to do.
                 continue
@@ -257,27 +257,53 @@ def _plan(query: Query) -> str | None:
 
 
 def _chunk_segments(
-    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query, path: str
+    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query,
+    path: str, *, whole: bool,
 ) -> list[_Segment]:
     """The chunks of the file at ``path`` that may hold a match, as segments with their
-    matches (found as read)."""
+    matches (found as read). Without ``whole`` (no context is shown), a segment may leave
+    out the lines that come before the first match or after the last."""
     chunk_lines, line_matches = code_text._chunk_lines, code_text.line_matches
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
+    trimmed = not whole and pattern is None and case_sensitive
     segments: list[_Segment] = []
     for first, end, text, last in chunks:
+        if trimmed and end >= first:
+            # Most of a chunk's lines hold no match: they are never made into strs.
+            held = _held_lines(text, needle)
+            if held is not None:
+                _check_numbers(path, first, end, text.count("\n") + 1)
+                lines = held[1]
+                segments.append((first + held[0], lines, last, 0, line_matches(lines, needle, None, True)))
+            continue
         skipped = 0 if first_line is None else first_line(text)
         if skipped < 0:
             continue  # no match
         lines = chunk_lines(first, end, text)
-        if len(lines) != end - first + 1:
-            # Numbers that disagree with the text would put its matches on other lines, or
-            # past the file's end, where they are lost.
-            raise ValueError(f"a chunk of {path} numbers lines {first}-{end} but holds {len(lines)}")
+        _check_numbers(path, first, end, len(lines))
         if not lines:
             continue  # a file without a line
         rest = lines[skipped:] if skipped else lines
         segments.append((first, lines, last, skipped, line_matches(rest, needle, pattern, case_sensitive)))
     return segments
+
+
+def _check_numbers(path: str, first: int, end: int, count: int) -> None:
+    if count != end - first + 1:
+        # Numbers that disagree with the text would put its matches on other lines, or
+        # past the file's end, where they are lost.
+        raise ValueError(f"a chunk of {path} numbers lines {first}-{end} but holds {count}")
+
+
+def _held_lines(text: str, needle: str) -> tuple[int, list[str]] | None:
+    """The lines of a chunk's text from the first that holds ``needle`` to the last, after
+    how many lines they come; None when no line holds it."""
+    at = text.find(needle)
+    if at < 0:
+        return None
+    start = text.rfind("\n", 0, at) + 1
+    end = text.find("\n", text.rfind(needle) + len(needle))
+    return text.count("\n", 0, start), (text[start:] if end < 0 else text[start:end]).split("\n")
 
 
 def _file_hits(
