@@ -19,7 +19,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import TypeVar
 
-from velmora import file_types, schema
+from velmora import chunk_counts, file_types, schema
 from velmora import refresh as freshness
 from velmora.db import Database
 from velmora.search import Hit, Query, Run, matching_globs, matching_lines, search, select_files
@@ -227,11 +227,15 @@ class Repository:
         )
         if not rows:
             raise KeyError(path)
-        row = rows[0]
-        source, _ = code_text.text_source(
-            self._db, [row], None, True, store=chunk_store.layout(self._db)
-        )
-        return "\n".join(source.lines(row[0], row[1]))
+        row, store = rows[0], chunk_store.layout(self._db)
+        try:
+            source, reason = code_text.text_source(self._db, [row], None, True, store=store)
+            lines = source.lines(row[0], row[1])
+            if store is not None and reason is None:  # read from the index
+                chunk_counts.check_file(self._db, store, row[0], len(lines))
+            return "\n".join(lines)
+        except _DAMAGE as error:
+            raise self._damaged(error) from None
 
     def close(self) -> None:
         self._db.close()

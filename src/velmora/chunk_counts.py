@@ -5,7 +5,6 @@ from __future__ import annotations
 
 import json
 from collections.abc import Sequence
-from typing import NoReturn
 
 from velmora.db import Database
 from velmora.storage import chunk_store, code_text
@@ -27,7 +26,11 @@ def check_totals(db: Database, store: chunk_store.Layout) -> None:
         f"SELECT (SELECT COUNT(*) FROM {sizes}), (SELECT total(chunks) FROM files)"
     )
     if entries != counted:
-        _raise(db, sizes, "files", (), f"its full-text index has {entries} entries for {int(counted)} chunks")
+        # Only a damaged index gets here: the scan that finds the file is affordable.
+        path = _short(db, sizes, "id", "files", ())
+        if path is not None:
+            raise _missing(path)
+        raise MissingChunks(f"its full-text index has {entries} entries for {int(counted)} chunks")
 
 
 def check_read(
@@ -45,12 +48,34 @@ def check_read(
     if wanted is None:
         wanted = db.fetchall(f"SELECT total(chunks) FROM {within}", ids)[0][0]
     if read != wanted:
-        _raise(db, chunk_store.COMPRESSED_TABLE, within, ids, "its trigram index names chunks it does not hold")
+        path = _short(db, chunk_store.COMPRESSED_TABLE, "id", within, ids)
+        if path is not None:
+            raise _missing(path)
+        raise MissingChunks("its trigram index names chunks it does not hold")
 
 
-def _raise(db: Database, table: str, files: str, parameters: tuple, otherwise: str) -> NoReturn:
-    # Only a damaged index gets here: the scan that finds the file is affordable.  Both
-    # tables keep their row ids in "id".
-    rows = chunk_store.rows_per_file_sql(table, "id")
+def check_file(db: Database, store: chunk_store.Layout, file_id: int, lines: int) -> None:
+    """A file read whole from the index, outside a search, came back with every chunk it
+    counts and as many ``lines`` as they number (nothing is checked for a file kept on disk)."""
+    table, key = chunk_store.chunk_table(store)
+    held, last = (chunk_store.rows_per_file_sql(table, key, of) for of in ("COUNT(*)", "max(c.end_line)"))
+    found = db.fetchall(
+        f"SELECT path, chunks = {held}, coalesce({last}, 0) FROM files WHERE id = ? AND text_on_disk = 0",
+        (file_id,),
+    )
+    if found and not found[0][1]:
+        raise _missing(found[0][0])
+    if found and found[0][2] != lines:
+        raise MissingChunks(f"the chunks of {found[0][0]} number {found[0][2]} lines but hold {lines}")
+
+
+def _short(db: Database, table: str, key: str, files: str, parameters: tuple) -> str | None:
+    """The path of one of ``files`` (a table or subquery) whose rows in ``table`` are not as
+    many as it counts."""
+    rows = chunk_store.rows_per_file_sql(table, key)
     short = db.fetchall(f"SELECT path FROM {files} AS files WHERE chunks != {rows} LIMIT 1", parameters)
-    raise MissingChunks(f"chunks of {short[0][0]} are missing" if short else otherwise)
+    return short[0][0] if short else None
+
+
+def _missing(path: str) -> MissingChunks:
+    return MissingChunks(f"chunks of {path} are missing")

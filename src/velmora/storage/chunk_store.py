@@ -86,11 +86,11 @@ def chunk_table(store: Layout) -> tuple[str, str]:
     return ("code_chunks", "rowid") if store == "code_chunks" else (COMPRESSED_TABLE, "id")
 
 
-def rows_per_file_sql(table: str, key: str) -> str:
+def rows_per_file_sql(table: str, key: str, of: str = "COUNT(*)") -> str:
     """An SQL expression: how many rows of ``table`` (row ids in ``key``) belong to the
-    ``files`` row in scope."""
+    ``files`` row in scope, or another aggregate ``of`` them (columns as ``c.name``)."""
     return (
-        f"(SELECT COUNT(*) FROM {table} c WHERE c.{key} >= files.id * {CHUNK_STRIDE} "
+        f"(SELECT {of} FROM {table} c WHERE c.{key} >= files.id * {CHUNK_STRIDE} "
         f"AND c.{key} < (files.id + 1) * {CHUNK_STRIDE})"
     )
 
