@@ -81,6 +81,7 @@ def test_a_failed_migration_leaves_the_old_index_as_it_was(tmp_path, capsys):
     assert cli.main(["search", "code", "needle", str(tmp_path)]) == 2
     out, err = capsys.readouterr()
     assert out == "" and err == (
-        "velmora: error: the index could not be updated (disk full); it is left as it was\n"
+        "velmora: error: the index could not be updated (disk full); it is left as it was"
+        " (`velmora index --rebuild` makes a new one)\n"
     )
     assert state(con) == before

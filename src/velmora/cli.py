@@ -58,7 +58,11 @@ def _index_problem(error: sqlite3.Error) -> str:
     if isinstance(error, sqlite3.OperationalError) and not text.startswith("no such"):
         return f"the index cannot be read or written ({text})"
     if isinstance(error, sqlite3.IntegrityError):
-        return f"the index could not be updated ({text}); it is left as it was"
+        # Its rows contradict one another: only a rebuild gets past that.
+        return (
+            f"the index could not be updated ({text}); it is left as it was "
+            "(`velmora index --rebuild` makes a new one)"
+        )
     return f"the index is damaged ({text}); run `velmora index --rebuild`"
 
 
