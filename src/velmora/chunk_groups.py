@@ -104,9 +104,8 @@ def _chunk_rows(db, store, group, wanted: list[int], whole_files: bool, with_las
     )
     if store == "code_chunks":
         return rows
-    # A group's bodies are decoded in one call, which spreads them over both cores. A text
-    # holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes, a
-    # chunk without it costs neither a str nor a row.
+    # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes,
+    # a chunk without it costs neither a str nor a row.
     rows = list(rows)
     chunk_counts.check_read(db, group, None if whole_files else len(wanted), len(rows))
     needle = b"" if holding is None else holding.encode("utf-8")

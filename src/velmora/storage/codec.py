@@ -20,8 +20,6 @@ DICTIONARY_BYTES = 112_640
 # Samples the indexer hands over for training: enough text for a good dictionary, little
 # enough that training stays a small part of a build.
 SAMPLE_BYTES = 8 << 20
-# Bodies decompressed together from this many on, on two threads: fewer go faster one by one.
-_BATCH_BODIES = 64
 # Below this much sample text a dictionary costs more room than it saves.
 _MIN_SAMPLE_BYTES = 256 << 10
 # The trainer's segment and d-mer sizes, fixed: left to itself it tries several and takes
@@ -70,9 +68,7 @@ class Decoder:
     """Decompresses chunk bodies written by an ``Encoder`` with the same dictionary."""
 
     def __init__(self, dictionary: bytes) -> None:
-        decompressor = zstandard.ZstdDecompressor(dict_data=_dictionary(dictionary))
-        self._decompress = decompressor.decompress
-        self._decompress_many = decompressor.multi_decompress_to_buffer
+        self._decompress = zstandard.ZstdDecompressor(dict_data=_dictionary(dictionary)).decompress
 
     def decode(self, body: bytes) -> str:
         try:
@@ -83,16 +79,17 @@ class Decoder:
     def decode_many(self, bodies: list[Any], needle: bytes = b"") -> list[str | None]:
         """The texts of bodies as SQLite hands them, in order; None for a text whose UTF-8
         does not hold ``needle``, which is never turned into a str (most chunks of a search
-        that the index cannot narrow).  Many bodies are decompressed in one call, on two
-        threads."""
+        that the index cannot narrow).
+
+        Frame by frame: python-zstandard's one call for many frames, even on two threads,
+        decodes a search's groups more slowly (bench/bench_index.py).
+        """
         try:
-            if len(bodies) < _BATCH_BODIES:
-                frames = [self._decompress(body) for body in bodies]
-            else:
-                buffers = self._decompress_many(bodies, threads=2)
-                frames = [buffers[i].tobytes() for i in range(len(buffers))]
-            return [data.decode("utf-8") if needle in data else None for data in frames]
-        except (zstandard.ZstdError, UnicodeDecodeError, TypeError, ValueError, MemoryError) as error:
+            return [
+                data.decode("utf-8") if needle in data else None
+                for data in map(self._decompress, bodies)
+            ]
+        except (zstandard.ZstdError, UnicodeDecodeError, TypeError, MemoryError) as error:
             raise CodecError(f"a stored chunk cannot be read ({error})") from None
 
 
