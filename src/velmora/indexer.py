@@ -242,6 +242,7 @@ def _update(
         if current != wanted:
             chunk_store.drop_tables(cursor)
             chunk_store.create_tables(cursor, wanted)
+            schema.set_meta(cursor, schema.PAIR_MARK, "1")
             # Every file is parsed again into the new layout; a size of -1 never matches.
             cursor.execute("UPDATE files SET size = -1, text_on_disk = 0, chunks = 0")
         if wanted == "compressed" and not cursor.execute(

@@ -11,6 +11,7 @@ let through texts that hold no match; it never rejects one that does.
 from __future__ import annotations
 
 import re
+from collections.abc import Callable
 from typing import NamedTuple, Union
 
 # A query over trigrams: None holds for every text; a str is one trigram the text must hold;
@@ -50,6 +51,26 @@ def needle_plan(needle: str, case_sensitive: bool) -> str | None:
         else:
             piece = _concat(piece, _lowered_char(char, needle[at + 1 : at + 2]))
     return _fts(_bounded(_final(piece)))
+
+
+def pair_plan(needle: str, case_sensitive: bool, terms: Callable[[str], list[str]]) -> str | None:
+    """The full-text query for a plain search of two characters, from ``terms``, the
+    index's trigrams that begin with a given pair; None when it cannot narrow: a needle
+    beyond ASCII (the index folds case by rules of its own), or one that ignores case and
+    has a letter that some other letter lower-cases to."""
+    if len(needle) != 2 or not needle.isascii() or "\0" in needle:
+        return None
+    if not case_sensitive and not _UNFOLDED.isdisjoint(needle):
+        return None
+    found = terms(needle.lower())
+    if len(found) > _MAX_PAIR_TERMS:
+        return None
+    return " OR ".join(map(_quoted, found)) if found else _NOTHING
+
+
+_MAX_PAIR_TERMS = 256
+# A query no chunk answers: no chunk holds the pair.
+_NOTHING = '"aaa" NOT "aaa"'
 
 
 # Characters that lower-case to a letter but are neither its upper nor its title case.
@@ -290,11 +311,16 @@ def _bounded(query: TrigramQuery) -> TrigramQuery:
     return None
 
 
+def _quoted(text: str) -> str:
+    """A string of the full-text query syntax, every character taken literally."""
+    return '"' + text.replace('"', '""') + '"'
+
+
 def _fts(query: TrigramQuery) -> str | None:
     if query is None:
         return None
     if isinstance(query, str):
-        return '"' + query.replace('"', '""') + '"'
+        return _quoted(query)
     kind, parts = query
     text = f" {kind.upper()} ".join(sorted(_fts(part) for part in parts))  # type: ignore[misc]
     return f"({text})"

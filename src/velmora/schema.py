@@ -9,6 +9,9 @@ The ``meta`` table's keys:
   hold some files' old text, or none of it, and a search must not trust it alone.
 - ``last_pass_seconds``: how long the last complete pass took.
 - ``listed_dirs``: the freshness check's record of the tree's directories (``refresh``).
+- ``pair_lookup``: present when the chunk tables were made by 4.2 or later, so that every
+  chunk's indexed text ends in a line feed and the index can look up two characters
+  (``chunk_store.pair_terms``); an older index reads every chunk for them until rebuilt.
 """
 
 from __future__ import annotations
@@ -20,10 +23,12 @@ from velmora.db import Database, is_busy
 from velmora.storage import chunk_store
 
 # 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
-# positions, files.inode, and the skipped table.  4.1: files.chunks.
-SCHEMA_VERSION = "4.1.0"
+# positions, files.inode, and the skipped table.  4.1: files.chunks.  4.2: indexed texts
+# end in a line feed (``pair_lookup``).
+SCHEMA_VERSION = "4.2.0"
 # The forms that ``migration`` converts in place.
-CONVERTED = ((3, 0), (3, 1), (4, 0))
+CONVERTED = ((3, 0), (3, 1), (4, 0), (4, 1))
+PAIR_MARK = "pair_lookup"
 
 # The database lies two levels below the repository root: the search finds the root as
 # the third parent of the database file.
@@ -73,6 +78,7 @@ def create(db: Database, store: chunk_store.Layout) -> None:
         cursor.execute(SKIPPED_DDL)
         chunk_store.create_tables(cursor, store)
         set_meta(cursor, "schema_version", SCHEMA_VERSION)
+        set_meta(cursor, PAIR_MARK, "1")
 
 
 def open_index(path: Path, progress: bool = True) -> Database:

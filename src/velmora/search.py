@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Collection, Iterable, Iterator, Sequence
+from functools import partial
 from itertools import islice
 from typing import TYPE_CHECKING, NamedTuple
 
@@ -201,7 +202,7 @@ def _segmented(
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
-            db, store, files, _plan(query), on_disk, with_last=with_last, holding=held
+            db, store, files, _plan(db, store, query), on_disk, with_last=with_last, holding=held
         )
     else:
         texts = ((row, []) for row in files)
@@ -247,13 +248,17 @@ def _text_source(
     return code_text.ChunkText(db, store, {}, disk, probe._on_disk), probe._on_disk, None
 
 
-def _plan(query: Query) -> str | None:
-    from velmora import regex_plan
+def _plan(db: Database, store: chunk_store.Layout, query: Query) -> str | None:
+    from velmora import regex_plan, schema
 
     if query.pattern is not None:
         return regex_plan.pattern_plan(query.pattern)
     assert query.needle is not None
-    return regex_plan.needle_plan(query.needle, query.case_sensitive)
+    plan = regex_plan.needle_plan(query.needle, query.case_sensitive)
+    if plan is None and store == "compressed" and schema.get_meta(db, schema.PAIR_MARK):
+        terms = partial(chunk_store.pair_terms, db)
+        plan = regex_plan.pair_plan(query.needle, query.case_sensitive, terms)
+    return plan
 
 
 def _chunk_segments(

@@ -267,6 +267,31 @@ def trigram_query(needle: str) -> str | None:
     return " AND ".join('"' + t.replace('"', '""') + '"' for t in trigrams)
 
 
+_TERMS_TABLE = "chunk_trigram_terms"
+
+
+def pair_terms(db, pair: str) -> list[str]:
+    """The trigrams in the compressed layout's index that begin with ``pair``, two ASCII
+    characters in lower case (as the index holds its trigrams)."""
+    connection = db.connection
+    if not connection.execute("SELECT 1 FROM temp.sqlite_master WHERE name = ?", (_TERMS_TABLE,)).fetchone():
+        # The index's own list of its trigrams, as a table of the connection's temp schema:
+        # nothing is written to the index, but a read-only connection refuses even that.
+        (query_only,) = connection.execute("PRAGMA query_only").fetchone()
+        connection.execute("PRAGMA query_only = 0")
+        try:
+            connection.execute(
+                f"CREATE VIRTUAL TABLE temp.{_TERMS_TABLE} USING fts5vocab(main, {TRIGRAM_TABLE}, row)"
+            )
+        finally:
+            connection.execute(f"PRAGMA query_only = {int(query_only)}")
+    after = pair[0] + chr(ord(pair[1]) + 1)
+    rows = connection.execute(
+        f"SELECT term FROM temp.{_TERMS_TABLE} WHERE term >= ? AND term < ?", (pair, after)
+    )
+    return [term for (term,) in rows]
+
+
 def matching_ids(db, match: str, store: Layout = "compressed") -> set[int]:
     """The row ids of the chunks that a full-text ``match`` expression selects.
 
@@ -381,7 +406,11 @@ _SPACE_RUN = re.compile("    +")
 
 
 def _trigram_text(text: str) -> str:
-    return _SPACE_RUN.sub("   ", _searchable(text))
+    # A line feed after the last line gives its last two characters a trigram of their own,
+    # so that every pair of characters a chunk holds begins one of its trigrams
+    # (``pair_terms``). An index written before that is handed the same text to forget a
+    # row: the one trigram more is nothing to the index.
+    return _SPACE_RUN.sub("   ", _searchable(text)) + "\n"
 
 
 def _decoder(db) -> Any:
