@@ -42,13 +42,10 @@ def widened_search(pattern: re.Pattern[str]) -> Search | None:
         compiled = re2.compile(source.encode(), options)
     except (_Unsupported, re.error, re2.error, OverflowError, RecursionError):
         return None
-    search = compiled.search
-
-    def first(text: bytes) -> int:
-        found = search(text)
-        return -1 if found is None else found.start()
-
-    return first
+    # The compiled pattern's own matcher (the package pins its version): the wrapper's
+    # search makes a generator and a match object per call, costing as much as a chunk's scan.
+    match, unanchored = compiled._regexp.Match, re2._Anchor.UNANCHORED
+    return lambda text: match(unanchored, text, 0, len(text))[0][0]
 
 
 class _Unsupported(Exception):
