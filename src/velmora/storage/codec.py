@@ -28,10 +28,7 @@ _SEGMENT_BYTES, _DMER_BYTES = 256, 8
 
 
 class CodecError(sqlite3.DatabaseError):
-    """A stored chunk body is not what the codec wrote: the index is damaged.
-
-    A damaged frame header may claim any size, so a failed allocation is one of these too.
-    """
+    """A stored chunk body is not what the codec wrote: the index is damaged."""
 
 
 def train(samples: Sequence[bytes]) -> bytes:
@@ -73,8 +70,8 @@ class Decoder:
     def decode(self, body: bytes) -> str:
         try:
             return self._decompress(body).decode("utf-8")
-        except (zstandard.ZstdError, UnicodeDecodeError, TypeError, MemoryError) as error:
-            raise CodecError(f"a stored chunk cannot be read ({error})") from None
+        except _DAMAGE as error:
+            raise _damaged(error) from None
 
     def decode_many(self, bodies: list[Any], needle: bytes = b"") -> list[str | None]:
         """The texts of bodies as SQLite hands them, in order; None for a text whose UTF-8
@@ -89,9 +86,18 @@ class Decoder:
                 data.decode("utf-8") if needle in data else None
                 for data in map(self._decompress, bodies)
             ]
-        except (zstandard.ZstdError, UnicodeDecodeError, TypeError, MemoryError) as error:
-            raise CodecError(f"a stored chunk cannot be read ({error})") from None
+        except _DAMAGE as error:
+            raise _damaged(error) from None
 
 
 def _dictionary(data: bytes) -> zstandard.ZstdCompressionDict | None:
     return zstandard.ZstdCompressionDict(data) if data else None
+
+
+# What decoding a damaged body raises. A damaged frame header may claim any size, so a
+# failed allocation is damage too.
+_DAMAGE = (zstandard.ZstdError, UnicodeDecodeError, TypeError, MemoryError)
+
+
+def _damaged(error: Exception) -> CodecError:
+    return CodecError(f"a stored chunk cannot be read ({error})")
