@@ -25,8 +25,10 @@ ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "src"))
 
 from common import best_time  # noqa: E402
-from velmora import chunk_groups, indexer, schema  # noqa: E402
-from velmora.db import Database  # noqa: E402
+from velmora.index import build as indexer
+from velmora.search import chunk_groups
+from velmora.storage import schema  # noqa: E402
+from velmora.storage.database import Database  # noqa: E402
 from velmora.storage import chunk_store  # noqa: E402
 
 GOALS = "goals: index <= 1.0x the text, build >= 8 MB/s, one-file re-index < 0.3 s, decode >= 5x zlib"

@@ -13,7 +13,7 @@ from pathlib import Path
 from typing import Any, Callable
 
 from common import best_time, model, native, report, stdlib_files
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store
 
 GOAL = 3

@@ -21,9 +21,9 @@ import tempfile
 import time
 from pathlib import Path
 
-from velmora import indexer, refresh
+from velmora.index import build as indexer, freshness as refresh
 from velmora.api import Repository
-from velmora.search import Query
+from velmora.query.pattern import Query
 
 NEEDLE = "PyErr_SetString"
 

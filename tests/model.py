@@ -13,7 +13,7 @@ if TYPE_CHECKING:
     import sqlite3
     from pathlib import Path
 
-    from velmora.db import Database
+    from velmora.storage.database import Database
 
 CODE_CHUNK_STRIDE = chunk_store.CHUNK_STRIDE
 CODE_CHUNKS_DDL = chunk_store.CODE_CHUNKS_DDL

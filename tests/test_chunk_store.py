@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store
 
 STRIDE = chunk_store.CHUNK_STRIDE

@@ -15,7 +15,9 @@ from pathlib import Path
 
 import pytest
 
-from velmora import cli, indexer, schema
+from velmora import cli
+from velmora.index import build as indexer
+from velmora.storage import schema
 from velmora.storage import chunk_store
 
 LAYOUTS = ["code_chunks", "compressed"]

@@ -15,7 +15,8 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from velmora import cli, schema
+from velmora import cli
+from velmora.storage import schema
 
 BINARY = b"needle\0\xff"
 NAMES = ["a.txt", "b.py", "sub/c.md", "sub/deep/d.txt", "e.json"]

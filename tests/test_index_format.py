@@ -13,8 +13,10 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from velmora import cli, indexer, schema
-from velmora.db import Database
+from velmora import cli
+from velmora.index import build as indexer
+from velmora.storage import schema
+from velmora.storage.database import Database
 from velmora.storage import chunk_store
 
 STRIDE = chunk_store.CHUNK_STRIDE

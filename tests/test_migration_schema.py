@@ -6,7 +6,8 @@ import hashlib
 import sqlite3
 from pathlib import Path
 
-from velmora import cli, schema
+from velmora import cli
+from velmora.storage import schema
 from velmora.storage import chunk_store, code_text
 
 STRIDE = chunk_store.CHUNK_STRIDE

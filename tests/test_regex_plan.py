@@ -13,8 +13,12 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from velmora import chunk_scan, indexer, regex_plan, schema
-from velmora.search import Query, search, select_files
+from velmora.index import build as indexer
+from velmora.query import plan as regex_plan
+from velmora.search import chunk_scan
+from velmora.storage import schema
+from velmora.query.pattern import Query
+from velmora.search.engine import search, select_files
 from velmora.storage import chunk_store
 
 LAYOUTS = ["code_chunks", "compressed"]

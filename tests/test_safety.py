@@ -15,7 +15,8 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from velmora import api, cli, db, schema
+from velmora import api, cli
+from velmora.storage import database as db, schema
 from velmora.utils.fsio import is_plain_relative
 
 BIG_JSON = "[\n" + ",\n".join(f'  "value {i}"' for i in range(3000)) + "\n]\n"

@@ -13,7 +13,7 @@ from hypothesis import strategies as st
 import model
 from conftest import FakeDatabase, outcome, shape
 from strategies import lines, needles, texts
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store
 from velmora.storage import code_text as native
 

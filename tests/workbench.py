@@ -15,7 +15,7 @@ from typing import Any, Callable, Iterator
 
 import model
 from conftest import shape
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store
 from velmora.storage import code_text as native
 

@@ -1,7 +1,7 @@
 """The public Python API: open a repository's index and search it, as the CLI and server do.
 
     from velmora.api import Repository
-    from velmora.search import Query
+    from velmora.query.pattern import Query
 
     with Repository.open("path/in/repo") as repo:
         results, reason = repo.search(Query.parse("def main"), globs=["*.py"], after=2)
@@ -19,10 +19,12 @@ from pathlib import Path
 from types import TracebackType
 from typing import TypeVar
 
-from velmora import chunk_counts, file_types, schema
-from velmora import refresh as freshness
-from velmora.db import Database
-from velmora.search import Hit, Query, Run, matching_globs, matching_lines, search, select_files
+from velmora.query import file_types
+from velmora.storage import chunk_counts, schema
+from velmora.index import freshness
+from velmora.storage.database import Database
+from velmora.query.pattern import Query
+from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search, select_files
 from velmora.storage import chunk_store, code_text
 from velmora.utils.fsio import is_plain_relative
 
@@ -86,7 +88,7 @@ class Repository:
         if not db_path.exists():
             if not create:
                 raise RepositoryError(f"{root}: not indexed yet (run `velmora index`)")
-            from velmora import indexer
+            from velmora.index import build as indexer
 
             indexer.index(root, progress=False)
         db = schema.open_index(db_path)

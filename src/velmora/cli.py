@@ -10,10 +10,10 @@ import sys
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
-from velmora import schema
+from velmora.storage import schema
 from velmora.api import Repository, RepositoryError, find_root
-from velmora.db import is_busy
-from velmora.search import Query, QueryError
+from velmora.storage.database import is_busy
+from velmora.query.pattern import Query, QueryError
 from velmora.utils.fsio import read_bytes_no_follow
 
 
@@ -243,7 +243,7 @@ def _repo(text: str | None) -> Path:
 
 
 def _index(args: argparse.Namespace) -> int:
-    from velmora import indexer
+    from velmora.index import build as indexer
 
     root = _repo(args.repo)
     store = None if args.layout == "auto" else args.layout
@@ -252,14 +252,15 @@ def _index(args: argparse.Namespace) -> int:
 
 
 def _status(args: argparse.Namespace) -> int:
-    from velmora import status
+    from velmora.index import status
 
     sys.stdout.write(status.report(_repo(args.repo)))
     return 0
 
 
 def _search(args: argparse.Namespace) -> int:
-    from velmora import file_types, output
+    from velmora.output import printer as output
+    from velmora.query import file_types
 
     if args.type_list:
         listed = file_types.table().items()
@@ -284,7 +285,7 @@ def _search(args: argparse.Namespace) -> int:
     root, limits = _scope(paths)
     if not schema.index_path(root).exists():
         # Imported only here: a search of an existing index starts faster without it.
-        from velmora import indexer
+        from velmora.index import build as indexer
 
         print(indexer.index(root).line(), file=sys.stderr)
     under = [prefix for _, prefix in limits]
@@ -337,7 +338,7 @@ def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:
 
 
 def _serve(args: argparse.Namespace) -> int:
-    from velmora import server
+    from velmora.serve import app as server
 
     # A server runs for days: the cycles that asyncio and its exceptions make need the
     # collector that a one-off search goes without.

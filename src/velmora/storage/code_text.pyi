@@ -7,7 +7,7 @@ from typing import Any, Collection, Iterator, NamedTuple, Sequence, TypeAlias
 
 from typing_extensions import disjoint_base
 
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store as chunk_store
 from velmora.storage.chunk_store import Layout as Layout
 from velmora.storage.chunk_store import layout as layout

@@ -8,72 +8,13 @@ from functools import partial
 from itertools import islice
 from typing import TYPE_CHECKING, NamedTuple
 
-from velmora import chunk_groups, chunk_scan
-from velmora.db import Database
+from velmora.query.pattern import Query
+from velmora.search import chunk_groups, chunk_scan
+from velmora.storage.database import Database
 from velmora.storage import chunk_store, code_text
 
 if TYPE_CHECKING:
-    from velmora.refresh import DiskOverlay
-
-
-class QueryError(ValueError):
-    """The query cannot be searched for (an invalid regex, say)."""
-
-
-class Query(NamedTuple):
-    """What to look for, in the shape the text module takes it."""
-
-    needle: str | None  # a plain search's text, lower-case when case is ignored
-    pattern: re.Pattern[str] | None  # a regex search's compiled pattern
-    case_sensitive: bool
-
-    @classmethod
-    def parse(
-        cls,
-        patterns: str | Sequence[str],
-        *,
-        fixed: bool = False,
-        ignore_case: bool = False,
-        smart_case: bool = False,
-        word: bool = False,
-    ) -> Query:
-        """A query for lines that match any of ``patterns``: Python regexes, or texts with
-        ``fixed``. ``smart_case`` ignores case when no pattern has an upper-case letter
-        (outside an escape); ``word`` keeps only matches that no word character touches."""
-        if isinstance(patterns, str):
-            patterns = [patterns]
-        if not patterns:
-            raise QueryError("no pattern given")
-        for text in patterns:
-            try:
-                text.encode("utf-8")
-            except UnicodeEncodeError:
-                raise QueryError(f"the pattern is not valid UTF-8: {text!r}") from None
-        if smart_case:
-            ignore_case = not any(_has_upper(text, fixed) for text in patterns)
-        (first, *others) = patterns
-        if not (others or word) and (fixed or _REGEX_SYNTAX.isdisjoint(first)):
-            # Text without regex syntax runs as a plain search, which the index narrows.
-            return cls(first.lower() if ignore_case else first, None, not ignore_case)
-        sources = [re.escape(text) if fixed else text for text in patterns]
-        source = "|".join(f"(?:{s})" for s in sources) if others else sources[0]
-        if word:
-            source = rf"(?<!\w)(?:{source})(?!\w)"
-        try:
-            pattern = re.compile(source, re.IGNORECASE if ignore_case else 0)
-        except (re.error, OverflowError, RecursionError) as error:
-            shown = " ".join(map(repr, patterns))
-            raise QueryError(f"invalid regex {shown}: {error}") from None
-        return cls(None, pattern, not ignore_case)
-
-
-# A pattern with none of these is plain text, as a regex would match it.
-_REGEX_SYNTAX = frozenset(".^$*+?{}[]\\|()")
-
-
-def _has_upper(text: str, fixed: bool) -> bool:
-    # In a regex an escape such as \W or \S names a class, not a letter to match.
-    return any(c.isupper() for c in (text if fixed else re.sub(r"\\.", "", text)))
+    from velmora.index.freshness import DiskOverlay
 
 
 class Hit(NamedTuple):
@@ -188,7 +129,7 @@ def _segmented(
     source: code_text.ChunkText | code_text.DiskText | DiskOverlay
     source, on_disk, reason = _text_source(db, query, store)
     if from_disk:
-        from velmora.refresh import DiskOverlay
+        from velmora.index.freshness import DiskOverlay
 
         # Rooted where text_source roots its own: the index file's third parent.
         root = db.db_path.parents[2]
@@ -249,7 +190,8 @@ def _text_source(
 
 
 def _plan(db: Database, store: chunk_store.Layout, query: Query) -> str | None:
-    from velmora import regex_plan, schema
+    from velmora.query import plan as regex_plan
+    from velmora.storage import schema
 
     if query.pattern is not None:
         return regex_plan.pattern_plan(query.pattern)

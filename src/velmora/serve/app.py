@@ -28,9 +28,12 @@ from starlette.routing import Mount, Route
 from starlette.staticfiles import StaticFiles
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
-from velmora import file_types, indexer, output, schema, status
+from velmora.index import build as indexer, status
+from velmora.output import printer as output
+from velmora.query import file_types
+from velmora.storage import schema
 from velmora.api import Repository, RepositoryError
-from velmora.search import Query, QueryError
+from velmora.query.pattern import Query, QueryError
 
 # Bounds on what one request may ask for: the server answers many people at once.
 MAX_QUERY_CHARS = 1000
@@ -321,7 +324,7 @@ def create_app(
         Route("/api/search", search),
         Route("/api/file", file),
         Route("/api/status", statuses),
-        Mount("/", StaticFiles(packages=[("velmora", "web")], html=True)),
+        Mount("/", StaticFiles(packages=[("velmora.serve", "web")], html=True)),
     ]
     return Starlette(
         routes=routes, lifespan=lifespan, exception_handlers={BadRequest: bad_request},

@@ -8,7 +8,8 @@ from collections.abc import Callable, Iterable
 from itertools import accumulate
 from typing import TextIO
 
-from velmora.search import Hit, Query, Run
+from velmora.query.pattern import Query
+from velmora.search.engine import Hit, Run
 
 PATH, NUMBER, MATCH, RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
 

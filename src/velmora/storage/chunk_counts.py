@@ -6,7 +6,7 @@ from __future__ import annotations
 import json
 from collections.abc import Sequence
 
-from velmora.db import Database
+from velmora.storage.database import Database
 from velmora.storage import chunk_store, code_text
 
 

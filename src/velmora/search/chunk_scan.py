@@ -35,7 +35,7 @@ def first_line_finder(
 
         return first_lowered
     # Imported here: RE2 costs a plain search a fifth of its start-up.
-    from velmora import regex_prefilter
+    from velmora.query import prefilter as regex_prefilter
 
     widened = regex_prefilter.widened_search(pattern)
     if widened is not None:

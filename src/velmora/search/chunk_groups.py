@@ -7,8 +7,8 @@ from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
 from typing import NamedTuple
 
-from velmora import chunk_counts
-from velmora.db import Database
+from velmora.storage import chunk_counts
+from velmora.storage.database import Database
 from velmora.storage import chunk_store, code_text
 
 STRIDE = chunk_store.CHUNK_STRIDE

@@ -5,9 +5,9 @@ from __future__ import annotations
 import sqlite3
 import zlib
 
-from velmora import schema
-from velmora.db import Database
-from velmora.progress import Progress
+from velmora.storage import schema
+from velmora.storage.database import Database
+from velmora.utils.progress import Progress
 from velmora.storage import chunk_store, code_text, codec
 
 _OLD_TABLE = "chunk_text_v3"

@@ -16,8 +16,8 @@ import time
 from collections.abc import Collection
 from pathlib import Path
 
-from velmora import schema
-from velmora.db import Database
+from velmora.storage import schema
+from velmora.storage.database import Database
 from velmora.storage import code_text
 from velmora.utils.fsio import is_plain_relative, read_bytes_no_follow
 
@@ -104,7 +104,7 @@ def _directories_changed(db: Database, root: Path) -> bool:
 
 def _list(changes: Changes, db: Database, root: Path, indexed: dict[str, int]) -> None:
     # Imported here: listing is needed only when something changed.
-    from velmora import indexer
+    from velmora.index import build as indexer
 
     started = time.time_ns()
     listed = indexer.list_files(root)
@@ -122,7 +122,7 @@ def _list(changes: Changes, db: Database, root: Path, indexed: dict[str, int]) -
 
 def update(db_path: Path, root: Path, changes: Changes) -> str | None:
     """Bring the index up to date; None when done, else why it could not be written."""
-    from velmora import indexer
+    from velmora.index import build as indexer
 
     try:
         indexer.index(root, progress=False)
@@ -157,7 +157,7 @@ def _record_listing(db_path: Path, started: int, directories: list[str]) -> None
 
 def text_files(root: Path, paths: Collection[str]) -> set[str]:
     """Those of ``paths`` that the indexer would index: regular text files."""
-    from velmora import indexer
+    from velmora.index import build as indexer
 
     kept = set()
     for path in filter(is_plain_relative, paths):

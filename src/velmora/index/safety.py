@@ -7,8 +7,8 @@ import os
 import stat
 from pathlib import Path
 
-from velmora import schema
-from velmora.db import Database
+from velmora.storage import schema
+from velmora.storage.database import Database
 
 
 class UnsafeIndexPath(schema.SchemaError):

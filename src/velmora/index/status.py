@@ -6,7 +6,7 @@ import os
 import time
 from pathlib import Path
 
-from velmora import schema
+from velmora.storage import schema
 from velmora.storage import chunk_store
 
 

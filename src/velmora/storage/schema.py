@@ -19,7 +19,7 @@ from __future__ import annotations
 import sqlite3
 from pathlib import Path
 
-from velmora.db import Database, is_busy
+from velmora.storage.database import Database, is_busy
 from velmora.storage import chunk_store
 
 # 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
@@ -91,7 +91,7 @@ def open_index(path: Path, progress: bool = True) -> Database:
     try:
         version = _version(db)
         if version[:2] in CONVERTED:
-            from velmora import migration  # only an old index needs it
+            from velmora.storage import migration  # only an old index needs it
 
             migration.migrate(db, version, progress)
         elif version[:2] != _parse(SCHEMA_VERSION)[:2]:

@@ -20,9 +20,10 @@ from typing import NamedTuple
 
 import pathspec
 
-from velmora import safety, schema
-from velmora.db import Database
-from velmora.progress import Progress
+from velmora.index import safety
+from velmora.storage import schema
+from velmora.storage.database import Database
+from velmora.utils.progress import Progress
 from velmora.storage import chunk_store, code_text, codec
 from velmora.utils.fsio import read_bytes_no_follow
 

@@ -1,0 +1,1 @@
+"""How search results are printed."""

@@ -1,0 +1,1 @@
+"""``velmora serve``: the search page and the JSON API over repositories' indexes."""
