@@ -3,6 +3,7 @@ JSON lines and statistics. Each file's output is built as one str."""
 
 from __future__ import annotations
 
+import json
 import time
 from collections.abc import Callable, Iterable
 from itertools import accumulate
@@ -186,13 +187,17 @@ def json_records(
     return f'{block}{{"type":"end","data":{path},"binary_offset":null,"stats":{end_stats}}}}}\n'
 
 
-def json_summary(totals: Stats, elapsed: float) -> str:
-    """rg's closing JSON line: the whole search's counts and times."""
+def json_summary(totals: Stats, elapsed: float, extra: dict[str, object] | None = None) -> str:
+    """rg's closing JSON line: the whole search's counts and times, then ``extra``'s fields."""
     stats = _json_stats(
         totals.searching, totals.files_searched, totals.files_with_matches,
         totals.bytes_searched, totals.bytes_printed, totals.matched_lines, totals.matches,
     )
-    return f'{{"type":"summary","data":{{"elapsed_total":{_json_time(elapsed)},"stats":{stats}}}}}\n'
+    more = "".join(
+        f",{json.dumps(name)}:{json.dumps(value, ensure_ascii=False)}"
+        for name, value in (extra or {}).items()
+    )
+    return f'{{"type":"summary","data":{{"elapsed_total":{_json_time(elapsed)},"stats":{stats}{more}}}}}\n'
 
 
 def _json_stats(elapsed, searches, with_match, searched, printed, lines, matches) -> str:

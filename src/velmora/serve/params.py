@@ -1,0 +1,102 @@
+"""The requests the API takes, checked and bounded before any worker sees them."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from dataclasses import dataclass
+from typing import Any, NamedTuple
+
+from starlette.requests import Request
+
+from velmora.query import file_types
+from velmora.query.pattern import Query, QueryError
+
+# Bounds on what one request may ask for: the server answers many people at once.
+MAX_QUERY_CHARS = 1000
+MAX_CONTEXT = 50
+MAX_LIMIT = 10_000
+DEFAULT_LIMIT = 1000
+
+
+class BadRequest(Exception):
+    """A request the server will not run; the message says why."""
+
+
+@dataclass
+class Search:
+    """One search as a request asks for it, checked."""
+
+    repo: int
+    query: Query
+    globs: list[str]
+    types: list[str]
+    before: int
+    after: int
+    limit: int
+
+
+class FileRequest(NamedTuple):
+    """The indexed text of one file of one repository, by its path in the index."""
+
+    repo: int
+    path: str
+
+
+def repo_number(request: Request, names: Sequence[str]) -> int:
+    """The repository a request names (default the first), as its place in ``names``."""
+    name = request.query_params.get("repo")
+    if name is None:
+        return 0
+    if name not in names:
+        raise BadRequest(f"no such repository: {name}")
+    return names.index(name)
+
+
+def search(request: Request, names: Sequence[str]) -> Search:
+    params = request.query_params
+    text = params.get("q", "")
+    if not text:
+        raise BadRequest("the query (q) is empty")
+    if len(text) > MAX_QUERY_CHARS:
+        raise BadRequest(f"the query is longer than {MAX_QUERY_CHARS} characters")
+    try:
+        query = Query.parse(
+            text, fixed=_flag(params, "fixed"), word=_flag(params, "word"),
+            ignore_case=not _flag(params, "case", default=True),
+        )
+    except QueryError as error:
+        raise BadRequest(str(error)) from None
+    context = _number(params, "context", 0, MAX_CONTEXT)
+    types = [kind for kind in params.getlist("type") if kind]
+    try:
+        file_types.matcher(types)
+    except file_types.UnknownType as error:
+        raise BadRequest(str(error)) from None
+    return Search(
+        repo_number(request, names), query, [glob for glob in params.getlist("glob") if glob],
+        types, _number(params, "before", context, MAX_CONTEXT),
+        _number(params, "after", context, MAX_CONTEXT),
+        _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),
+    )
+
+
+def file(request: Request, names: Sequence[str]) -> FileRequest:
+    return FileRequest(repo_number(request, names), request.query_params.get("path", ""))
+
+
+def _flag(params: Any, name: str, *, default: bool = False) -> bool:
+    value = params.get(name)
+    if value is None:
+        return default
+    if value not in ("0", "1", "true", "false"):
+        raise BadRequest(f"{name} must be 0 or 1, not {value!r}")
+    return value in ("1", "true")
+
+
+def _number(params: Any, name: str, default: int, high: int, *, low: int = 0) -> int:
+    value = params.get(name)
+    if value is None:
+        return default
+    if not value.isascii() or not value.isdigit() or not low <= int(value) <= high:
+        raise BadRequest(f"{name} must be a whole number from {low} to {high}, not {value!r}")
+    return int(value)

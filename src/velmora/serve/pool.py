@@ -1,0 +1,107 @@
+"""The server's pool of search processes, each holding every repository's index open."""
+
+from __future__ import annotations
+
+import asyncio
+import multiprocessing
+import time
+from collections.abc import AsyncGenerator, AsyncIterator, Sequence
+from contextlib import asynccontextmanager
+from dataclasses import dataclass, field
+from multiprocessing.connection import Connection
+from multiprocessing.process import BaseProcess
+from pathlib import Path
+
+import anyio
+
+from velmora.serve.params import FileRequest, Search
+from velmora.serve.worker import Lines, Ready, Refused, Reply, work
+
+# How often a waiting request looks up from the worker's pipe, so that a client that
+# went away frees its worker promptly.
+_POLL_SECONDS = 0.25
+
+
+@dataclass(eq=False)
+class _Worker:
+    process: BaseProcess
+    conn: Connection
+    busy: bool = False
+    ready: bool = False  # started and holding the indexes open
+
+    def receive(self, timeout: float) -> Reply | None:
+        return self.conn.recv() if self.conn.poll(timeout) else None
+
+    def stop(self) -> None:
+        self.process.kill()
+        self.conn.close()
+        self.process.join()
+
+
+@dataclass
+class Workers:
+    """A pool of search processes; a search that overruns is stopped with its process."""
+
+    roots: Sequence[Path]
+    size: int
+    _idle: asyncio.Queue[_Worker] = field(default_factory=asyncio.Queue)
+    _all: set[_Worker] = field(default_factory=set)
+
+    def start(self) -> None:
+        for _ in range(self.size):
+            self._idle.put_nowait(self._spawn())
+
+    def stop(self) -> None:
+        for worker in list(self._all):
+            worker.stop()
+        self._all.clear()
+
+    def _spawn(self) -> _Worker:
+        # spawn, not fork: the server has threads, and its SQLite handles must not be shared.
+        context = multiprocessing.get_context("spawn")
+        mine, theirs = context.Pipe()
+        process = context.Process(target=work, args=(theirs, self.roots), daemon=True)
+        process.start()
+        theirs.close()
+        worker = _Worker(process, mine)
+        self._all.add(worker)
+        return worker
+
+    @asynccontextmanager
+    async def _held(self) -> AsyncIterator[_Worker]:
+        worker = await self._idle.get()
+        try:
+            yield worker
+        finally:
+            if worker.busy:
+                # Stopped mid-answer (deadline, or the client left): its pipe holds a
+                # half-read reply, so it is replaced rather than reused.
+                self._all.discard(worker)
+                worker.stop()
+                worker = self._spawn()
+            self._idle.put_nowait(worker)
+
+    async def answer(
+        self, request: Search | FileRequest, timeout: float
+    ) -> AsyncGenerator[Reply, None]:
+        """Send one request to a free worker and yield its replies until the last one, or a
+        timeout. The worker is held for as long as the replies are read, which may outlive
+        the handler that asked."""
+        async with self._held() as worker:
+            worker.busy = True
+            while not worker.ready:  # the deadline does not count the worker's start-up
+                started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
+                worker.ready = isinstance(started, Ready)
+            worker.conn.send(request)
+            deadline = time.monotonic() + timeout
+            while worker.busy:
+                remaining = deadline - time.monotonic()
+                if remaining <= 0:
+                    yield Refused(
+                        422, f"the search took longer than {timeout:g} s and was stopped")
+                    return
+                reply = await anyio.to_thread.run_sync(
+                    worker.receive, min(remaining, _POLL_SECONDS))
+                if reply is not None:
+                    worker.busy = isinstance(reply, Lines)
+                    yield reply

@@ -1,0 +1,105 @@
+"""What runs in a search process of the server, and the records it sends back."""
+
+from __future__ import annotations
+
+import os
+import threading
+import time
+from collections.abc import Sequence
+from multiprocessing.connection import Connection
+from pathlib import Path
+from typing import NamedTuple
+
+from velmora.api import Repository, RepositoryError
+from velmora.output import printer as output
+from velmora.query.pattern import QueryError
+from velmora.serve.params import FileRequest, Search
+
+
+class Ready(NamedTuple):
+    """The worker holds every index open and takes requests."""
+
+
+class Lines(NamedTuple):
+    """One file's results, as the JSON lines the API streams."""
+
+    text: str
+
+
+class Finished(NamedTuple):
+    """The last reply of a search: what it counted and whether the limit cut it short."""
+
+    stats: output.Stats
+    elapsed: float
+    limited: bool
+    reason: str | None
+
+
+class FileText(NamedTuple):
+    """The indexed text of one file."""
+
+    text: str
+
+
+class Refused(NamedTuple):
+    """A request the worker could not answer: the HTTP status it deserves, and why."""
+
+    status: int
+    reason: str
+
+
+Reply = Ready | Lines | Finished | FileText | Refused
+
+
+# Python's re cannot be interrupted from another thread, so searches run in worker
+# processes: a search past its deadline is stopped by ending its worker.
+def work(conn: Connection, roots: Sequence[Path]) -> None:
+    threading.Thread(target=_exit_with, args=(os.getppid(),), daemon=True).start()
+    repos = [Repository.open(root, create=False) for root in roots]
+    conn.send(Ready())
+    while True:
+        try:
+            request = conn.recv()
+        except (EOFError, KeyboardInterrupt):
+            return
+        try:
+            if isinstance(request, Search):
+                _search_into(conn, repos, request)
+            else:
+                _file_into(conn, repos, request)
+        except (QueryError, ValueError) as error:  # a bad glob, say
+            conn.send(Refused(400, str(error)))
+        except RepositoryError as error:  # a damaged index: the server's fault, not the request's
+            conn.send(Refused(500, str(error)))
+
+
+def _exit_with(parent: int) -> None:
+    # A server that died without stopping its workers must not leave one running a search.
+    while os.getppid() == parent:
+        time.sleep(1)
+    os._exit(0)
+
+
+def _file_into(conn: Connection, repos: list[Repository], request: FileRequest) -> None:
+    try:
+        conn.send(FileText(repos[request.repo].indexed_text(request.path)))
+    except (KeyError, ValueError):
+        conn.send(Refused(404, "no such indexed file"))
+
+
+def _search_into(conn: Connection, repos: list[Repository], search: Search) -> None:
+    started = time.perf_counter()
+    # Freshness is the server's concern (it watches the trees and refreshes before
+    # dispatching): workers only read.
+    results, reason = repos[search.repo].search(
+        search.query, globs=search.globs, types=search.types, before=search.before,
+        after=search.after, refresh=False,
+    )
+    totals = output.Stats()
+    for path, hits in results:
+        hits = hits[: search.limit - totals.matched_lines]
+        conn.send(Lines(output.json_records(path, hits, search.query, None, totals)))
+        if totals.matched_lines >= search.limit:
+            break
+    totals.searching = time.perf_counter() - started
+    conn.send(Finished(totals, totals.searching, totals.matched_lines >= search.limit, reason))
