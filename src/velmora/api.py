@@ -23,7 +23,8 @@ from velmora.query import file_types
 from velmora.storage import chunk_counts, schema
 from velmora.index import freshness
 from velmora.storage.database import Database
-from velmora.query.pattern import Query
+from velmora.query.language import Parsed
+from velmora.query.pattern import Query, QueryError
 from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search, select_files
 from velmora.storage import chunk_store, code_text
 from velmora.utils.fsio import is_plain_relative
@@ -97,7 +98,7 @@ class Repository:
 
     def search(
         self,
-        query: Query,
+        query: Query | Parsed,
         *,
         globs: Sequence[str] = (),
         paths: Sequence[str] = (),
@@ -106,16 +107,32 @@ class Repository:
         after: int = 0,
         max_count: int | None = None,
         refresh: bool = True,
+        name: str | None = None,
     ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
         """The matches file by file (paths relative to the root, sorted), and why the files
         were read from disk (None when they weren't).
 
+        ``query`` is a ``Query``, or a parsed query of the search box's language
+        (``query.language``): then the files it holds for come each with its lines that
+        match a text term of it (none for a query of fields only), and ``name`` is the
+        repository's name for repo: (default: the root directory's name).
         ``globs`` are gitignore-style ("!" excludes); ``paths`` limit the search to those
         files and directories, relative to the root; ``types`` to files of those types by
         name, as rg knows them ("py"; "!py" excludes); ``before``/``after`` add context
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
         changed since the index was written are taken as they are now.
         """
+        if isinstance(query, Parsed):
+            from velmora.search.evaluate import evaluate
+
+            parsed, repo = query, name or self.root.name
+            return self._searched(
+                lambda files, from_disk: evaluate(
+                    self._db, parsed, files, repo=repo, from_disk=from_disk,
+                    before=before, after=after, max_count=max_count,
+                ),
+                globs, paths, types, refresh,
+            )
         return self._searched(
             lambda files, from_disk: search(
                 self._db, query, files, before=before, after=after, max_count=max_count,
@@ -148,7 +165,7 @@ class Repository:
         try:
             files, from_disk, stale = self._files(globs, paths, types, refresh)
             results, reason = run(files, from_disk)
-        except file_types.UnknownType:
+        except (file_types.UnknownType, QueryError):
             raise  # the caller's mistake, not the index's
         except _DAMAGE as error:
             raise self._damaged(error) from None

@@ -113,6 +113,9 @@ def _search_code_options(code: argparse.ArgumentParser) -> None:
     code.add_argument("positionals", nargs="*", metavar="PATTERN [PATH ...]",
                       help="a Python regex (plain text when it has no regex syntax); the "
                       "files and directories to search (default: the current directory)")
+    code.add_argument("-q", "--query", metavar="QUERY",
+                      help="a query of the search box's language (terms, or, -, parentheses, "
+                      "file:, lang:, sym:, case:, content:, type:file); every argument is a PATH")
     code.add_argument("-e", "--regexp", action="append", default=[], metavar="PATTERN",
                       help="a pattern; repeatable, a line matching any of them matches")
     code.add_argument("-F", "--fixed-strings", action="store_true",
@@ -258,9 +261,14 @@ def _status(args: argparse.Namespace) -> int:
     return 0
 
 
+# The case rule of a query, from the options -s, -i and -S.
+_CASE_RULES = {"sensitive": "yes", "ignore": "no", "smart": "auto"}
+
+
 def _search(args: argparse.Namespace) -> int:
     from velmora.output import printer as output
-    from velmora.query import file_types
+    from velmora.query import file_types, language
+    from velmora.search.evaluate import shown_query
 
     if args.type_list:
         listed = file_types.table().items()
@@ -268,15 +276,28 @@ def _search(args: argparse.Namespace) -> int:
         return 0
     # Everything the user gave is checked before the index is touched.
     patterns, paths = (
-        (args.regexp, args.positionals) if args.regexp
+        ([], args.positionals) if args.query is not None
+        else (args.regexp, args.positionals) if args.regexp
         else (args.positionals[:1], args.positionals[1:])
     )
-    if not patterns:
+    if args.query is not None:
+        if args.regexp:
+            raise UsageError("--query and -e exclude one another")
+        parsed = language.parse(
+            args.query, fixed=args.fixed_strings, word=args.word_regexp, case=_CASE_RULES[args.case]
+        )
+        # The query finds the lines to show; the printer's finds their matches within them.
+        asked: Query | language.Parsed = parsed
+        query = shown_query(parsed)
+        if args.mode == "lines" and (parsed.files_only or not parsed.content_terms()):
+            args.mode = "files"
+    elif not patterns:
         raise UsageError("no pattern given (velmora search code PATTERN [PATH ...])")
-    query = Query.parse(
-        patterns, fixed=args.fixed_strings, ignore_case=args.case == "ignore",
-        smart_case=args.case == "smart", word=args.word_regexp,
-    )
+    else:
+        query = asked = Query.parse(
+            patterns, fixed=args.fixed_strings, ignore_case=args.case == "ignore",
+            smart_case=args.case == "smart", word=args.word_regexp,
+        )
     types = [*args.type, *(f"!{name}" for name in args.type_not)]
     try:
         file_types.matcher(types)
@@ -293,7 +314,7 @@ def _search(args: argparse.Namespace) -> int:
     color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
     # Plain lines, counts and file names print straight from the matched lines, without an
     # object per match; a case-ignoring needle's columns need the per-match path.
-    plain = not (context or color or args.stats or args.max_count is not None) and (
+    plain = asked is query and not (context or color or args.stats or args.max_count is not None) and (
         args.mode in ("count", "files")
         or args.mode == "lines" and (query.pattern is not None or query.case_sensitive)
     )
@@ -303,7 +324,7 @@ def _search(args: argparse.Namespace) -> int:
             runs, reason = repo.matching_lines(query, **limited)
         else:
             results, reason = repo.search(
-                query, before=args.before, after=args.after, max_count=args.max_count, **limited
+                asked, before=args.before, after=args.after, max_count=args.max_count, **limited
             )
         if reason:
             print(f"velmora: {reason}", file=sys.stderr)

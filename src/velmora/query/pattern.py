@@ -41,9 +41,9 @@ class Query(NamedTuple):
             except UnicodeEncodeError:
                 raise QueryError(f"the pattern is not valid UTF-8: {text!r}") from None
         if smart_case:
-            ignore_case = not any(_has_upper(text, fixed) for text in patterns)
+            ignore_case = not any(has_upper(text, fixed) for text in patterns)
         (first, *others) = patterns
-        if not (others or word) and (fixed or _REGEX_SYNTAX.isdisjoint(first)):
+        if not (others or word) and (fixed or not has_regex_syntax(first)):
             # Text without regex syntax runs as a plain search, which the index narrows.
             return cls(first.lower() if ignore_case else first, None, not ignore_case)
         sources = [re.escape(text) if fixed else text for text in patterns]
@@ -62,6 +62,12 @@ class Query(NamedTuple):
 _REGEX_SYNTAX = frozenset(".^$*+?{}[]\\|()")
 
 
-def _has_upper(text: str, fixed: bool) -> bool:
+def has_regex_syntax(text: str) -> bool:
+    """Whether ``text`` means more as a regex than as plain text."""
+    return not _REGEX_SYNTAX.isdisjoint(text)
+
+
+def has_upper(text: str, fixed: bool) -> bool:
+    """Whether ``text`` has an upper-case letter to match (in a regex, outside an escape)."""
     # In a regex an escape such as \W or \S names a class, not a letter to match.
     return any(c.isupper() for c in (text if fixed else re.sub(r"\\.", "", text)))

@@ -1,0 +1,153 @@
+"""Answers a parsed query over one repository's index: which files it holds for, and the
+lines to show in them."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Collection, Iterator, Sequence
+
+from velmora.output.printer import column_in_line
+from velmora.query.language import And, Not, Or, Parsed, Term
+from velmora.query.pattern import Query, QueryError
+from velmora.search.engine import Hit, search
+from velmora.storage import code_text
+from velmora.storage.database import Database
+
+Rows = list[code_text.FileRow]
+
+
+def evaluate(
+    db: Database,
+    parsed: Parsed,
+    files: Sequence[code_text.FileRow],
+    *,
+    repo: str,
+    from_disk: Collection[int] = frozenset(),
+    before: int = 0,
+    after: int = 0,
+    max_count: int | None = None,
+) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
+    """The files the query holds for, by path, each with the lines that match one of its
+    text terms (none for a query of fields only), and why files were read from disk."""
+    single = parsed.single_text
+    if single is not None:
+        # A lone pattern answers as the plain search of it does.
+        return search(db, single.query, files, before=before, after=after, max_count=max_count,
+                      from_disk=from_disk)
+    reasons: list[str] = []
+    holding = _Holding(db, parsed, repo, from_disk, reasons)
+    held = holding.rows(parsed.expr, list(files))
+    shown_terms = parsed.content_terms()
+
+    def per_file() -> Iterator[tuple[str, list[Hit]]]:
+        if not shown_terms:
+            yield from ((row[1], []) for row in held)
+            return
+        found = _lines(db, shown_terms, held, from_disk, before, after, max_count)
+        for row in held:
+            yield row[1], found.get(row[1], [])
+
+    return per_file(), reasons[0] if reasons else None
+
+
+def shown_query(parsed: Parsed) -> Query:
+    """One query that finds every match shown, for highlighting and match offsets."""
+    terms = parsed.content_terms()
+    if len(terms) == 1:
+        return terms[0].query
+    sources = [_source(term) for term in terms] or ["(?!)"]
+    return Query(None, re.compile("|".join(sources)), True)
+
+
+def _source(term: Term) -> str:
+    source = term.text if term.regex else re.escape(term.text)
+    if term.word:
+        source = rf"(?<!\w)(?:{source})(?!\w)"
+    return f"(?i:{source})" if term.ignore_case else f"(?:{source})"
+
+
+class _Holding:
+    """Which of some files a node of the query holds for. Each node is asked only about the
+    files still in question: a conjunction hands each term the files the earlier ones kept,
+    and looks at its fields, which cost no read, before its text terms."""
+
+    def __init__(
+        self, db: Database, parsed: Parsed, repo: str, from_disk: Collection[int], reasons: list[str]
+    ) -> None:
+        self.db, self.parsed, self.repo = db, parsed, repo
+        self.from_disk, self.reasons = from_disk, reasons
+
+    def rows(self, node, within: Rows) -> Rows:
+        if not within:
+            return within
+        if isinstance(node, Term):
+            return self.term(node, within)
+        if isinstance(node, Not):
+            held = {row[0] for row in self.rows(node.node, within)}
+            return [row for row in within if row[0] not in held]
+        if isinstance(node, And):
+            for child in sorted(node.nodes, key=self.cost):
+                within = self.rows(child, within)
+            return within
+        assert isinstance(node, Or)
+        kept: set[int] = set()
+        rest = within
+        for child in sorted(node.nodes, key=self.cost):
+            kept.update(row[0] for row in self.rows(child, rest))
+            rest = [row for row in rest if row[0] not in kept]
+        return [row for row in within if row[0] in kept]
+
+    def cost(self, node) -> int:
+        """How much asking ``node`` costs: 0 for a test of names alone, 1 for a read."""
+        if isinstance(node, Term):
+            return int(node.field == "content" or node.field == "text" and not self.parsed.files_only)
+        if isinstance(node, Not):
+            return self.cost(node.node)
+        return max(map(self.cost, node.nodes))
+
+    def term(self, term: Term, within: Rows) -> Rows:
+        field = term.field
+        if field == "text" and not self.parsed.files_only or field == "content":
+            results, reason = search(self.db, term.query, within, max_count=1, from_disk=self.from_disk)
+            if reason:
+                self.reasons.append(reason)
+            held = {path for path, _ in results}
+            return [row for row in within if row[1] in held]
+        if field == "repo":
+            return within if term.pattern.search(self.repo) else []
+        if field == "lang":
+            of_type = term.of_type
+            return [row for row in within if of_type(row[1])]
+        if field == "sym":
+            raise QueryError(f"sym: needs an index of symbols, which this one lacks (at {term.at})")
+        # file:, or a bare term when the query asks for file names
+        found = term.pattern.search
+        return [row for row in within if found(row[1])]
+
+
+def _lines(
+    db: Database, terms: list[Term], held: Rows, from_disk: Collection[int],
+    before: int, after: int, max_count: int | None,
+) -> dict[str, list[Hit]]:
+    """The lines of the files ``held`` that match one of ``terms``, as one search of them all
+    would give them."""
+    if len(terms) == 1:
+        results, _ = search(db, terms[0].query, held, before=before, after=after,
+                            max_count=max_count, from_disk=from_disk)
+        return dict(results)
+    merged: dict[str, dict[int, Hit]] = {}
+    for term in terms:
+        results, _ = search(db, term.query, held, before=before, after=after, from_disk=from_disk)
+        for path, hits in results:
+            lines = merged.setdefault(path, {})
+            for hit in hits:
+                # Columns as offsets in the line itself, whatever case rule found them.
+                text = hit.context[hit.line - hit.context[0][0]][1]
+                column = column_in_line(term.query, text, hit.column)
+                known = lines.get(hit.line)
+                if known is None or column < known.column:
+                    lines[hit.line] = Hit(hit.line, column, hit.context)
+    return {
+        path: [lines[number] for number in sorted(lines)][:max_count]
+        for path, lines in merged.items()
+    }
