@@ -134,7 +134,7 @@ def test_a_lone_pattern_answers_as_the_plain_search(tree: Path, query: str) -> N
     ("alpha) beta", "unbalanced parenthesis at 5"),
     ("or alpha", "'or' without a term before it at 0"),
     ("alpha or", "'or' without a term after it at 8"),
-    ("alpha ()", "nothing between parentheses at 6"),
+    ("alpha ( )", "nothing between parentheses at 6"),
     ('x "open', "unterminated quoted string at 2"),
     ("a file:", "file: needs a value at 2"),
     ("a case:maybe", "case: takes yes or no or auto"),

@@ -51,6 +51,8 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     ({"q": "need", "word": "1"}, []),
     ({"q": "os.sep", "fixed": "1"}, [("app.py", 4)]),
     ({"q": r"^\w+\(\)$"}, [("app.py", 6)]),
+    ({"q": "(needle or alert) -lang:py case:no"}, [("lib/util.txt", 1), ("page.html", 1)]),
+    ({"q": "os -/def/"}, []),
 ])
 def test_options(server, params, lines):
     assert matches(records(server[0], **params)) == lines
@@ -66,7 +68,8 @@ def test_file_text_only_for_indexed_paths(server):
 @pytest.mark.parametrize(("params", "reason"), [
     ({"q": ""}, "empty"),
     ({"q": "x" * 1001}, "longer than"),
-    ({"q": "(a"}, "invalid regex"),
+    ({"q": "a("}, "invalid regex"),
+    ({"q": "(a b"}, "unbalanced parenthesis at 0"),
     ({"q": "a", "context": "-1"}, "context must be"),
     ({"q": "a", "limit": "0"}, "limit must be"),
     ({"q": "a", "case": "maybe"}, "case must be"),

@@ -268,7 +268,6 @@ _CASE_RULES = {"sensitive": "yes", "ignore": "no", "smart": "auto"}
 def _search(args: argparse.Namespace) -> int:
     from velmora.output import printer as output
     from velmora.query import file_types, language
-    from velmora.search.evaluate import shown_query
 
     if args.type_list:
         listed = file_types.table().items()
@@ -288,8 +287,8 @@ def _search(args: argparse.Namespace) -> int:
         )
         # The query finds the lines to show; the printer's finds their matches within them.
         asked: Query | language.Parsed = parsed
-        query = shown_query(parsed)
-        if args.mode == "lines" and (parsed.files_only or not parsed.content_terms()):
+        query = parsed.shown_query()
+        if args.mode == "lines" and parsed.lists_files:
             args.mode = "files"
     elif not patterns:
         raise UsageError("no pattern given (velmora search code PATTERN [PATH ...])")

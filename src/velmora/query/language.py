@@ -39,6 +39,10 @@ class Term:
     word: bool
     at: int
 
+    def __reduce__(self):
+        # Sent to a server's worker without its compiled forms: a type's test does not pickle.
+        return (Term, (self.field, self.text, self.regex, self.ignore_case, self.word, self.at))
+
     @cached_property
     def query(self) -> Query:
         """The term as a search of lines."""
@@ -111,6 +115,19 @@ class Parsed:
         return found
 
     @property
+    def lists_files(self) -> bool:
+        """Whether the answer is file names alone: no term shows a line."""
+        return self.files_only or not self.content_terms()
+
+    def shown_query(self) -> Query:
+        """One query that finds every match shown, for highlighting and match offsets."""
+        terms = self.content_terms()
+        if len(terms) == 1:
+            return terms[0].query
+        sources = [_source(term) for term in terms] or ["(?!)"]
+        return Query(None, re.compile("|".join(sources)), True)
+
+    @property
     def single_text(self) -> Term | None:
         """The query's one term when it is a lone search of text: it answers as a plain
         search of that pattern does."""
@@ -118,6 +135,13 @@ class Parsed:
         if isinstance(expr, Term) and expr.field in ("text", "content") and not self.files_only:
             return expr
         return None
+
+
+def _source(term: Term) -> str:
+    source = term.text if term.regex else re.escape(term.text)
+    if term.word:
+        source = rf"(?<!\w)(?:{source})(?!\w)"
+    return f"(?i:{source})" if term.ignore_case else f"(?:{source})"
 
 
 def parse(text: str, *, fixed: bool = False, word: bool = False, case: str = "yes") -> Parsed:
@@ -232,7 +256,7 @@ class _Parser:
             node = self.unary()
             assert node is not None
             return Not(node)
-        if text[self.at] == "(":
+        if text[self.at] == "(" and _word_end(text, self.at)[1]:
             self.at += 1
             self.depth += 1
             inner = self.expression()
@@ -301,23 +325,29 @@ class _Parser:
         raise self.error("unterminated quoted string", start)
 
     def bare_word(self) -> str:
-        # A parenthesis belongs to the word when the word opened it (`main()`); an unopened
-        # ")" closes a group instead.
-        text, start, at, depth = self.text, self.at, self.at, 0
-        while at < len(text) and not text[at].isspace():
-            char = text[at]
-            if char == "\\":
-                at += 2
-                continue
-            if char == "(":
-                depth += 1
-            elif char == ")":
-                if depth == 0:
-                    break
-                depth -= 1
-            at += 1
-        self.at = min(at, len(text))
-        return text[start : self.at]
+        start = self.at
+        self.at, _ = _word_end(self.text, start)
+        return self.text[start : self.at]
+
+
+def _word_end(text: str, start: int) -> tuple[int, int]:
+    """Where a bare word that begins at ``start`` ends, and how many of its parentheses it
+    leaves open. A parenthesis belongs to the word when the word balances it (`main()`,
+    `(a+)+`); an unopened ")" ends the word, and closes a group."""
+    at, depth = start, 0
+    while at < len(text) and not text[at].isspace():
+        char = text[at]
+        if char == "\\":
+            at += 2
+            continue
+        if char == "(":
+            depth += 1
+        elif char == ")":
+            if depth == 0:
+                break
+            depth -= 1
+        at += 1
+    return min(at, len(text)), depth
 
 
 def _regex_end(text: str, start: int) -> int | None:

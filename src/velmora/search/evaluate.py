@@ -3,12 +3,11 @@ lines to show in them."""
 
 from __future__ import annotations
 
-import re
 from collections.abc import Collection, Iterator, Sequence
 
 from velmora.output.printer import column_in_line
 from velmora.query.language import And, Not, Or, Parsed, Term
-from velmora.query.pattern import Query, QueryError
+from velmora.query.pattern import QueryError
 from velmora.search.engine import Hit, search
 from velmora.storage import code_text
 from velmora.storage.database import Database
@@ -48,22 +47,6 @@ def evaluate(
             yield row[1], found.get(row[1], [])
 
     return per_file(), reasons[0] if reasons else None
-
-
-def shown_query(parsed: Parsed) -> Query:
-    """One query that finds every match shown, for highlighting and match offsets."""
-    terms = parsed.content_terms()
-    if len(terms) == 1:
-        return terms[0].query
-    sources = [_source(term) for term in terms] or ["(?!)"]
-    return Query(None, re.compile("|".join(sources)), True)
-
-
-def _source(term: Term) -> str:
-    source = term.text if term.regex else re.escape(term.text)
-    if term.word:
-        source = rf"(?<!\w)(?:{source})(?!\w)"
-    return f"(?i:{source})" if term.ignore_case else f"(?:{source})"
 
 
 class _Holding:

@@ -8,7 +8,7 @@ from typing import Any, NamedTuple
 
 from starlette.requests import Request
 
-from velmora.query import file_types
+from velmora.query import file_types, language
 from velmora.query.pattern import Query, QueryError
 
 # Bounds on what one request may ask for: the server answers many people at once.
@@ -27,7 +27,8 @@ class Search:
     """One search as a request asks for it, checked."""
 
     repo: int
-    query: Query
+    parsed: language.Parsed
+    query: Query  # finds the matches within the lines shown
     globs: list[str]
     types: list[str]
     before: int
@@ -60,9 +61,9 @@ def search(request: Request, names: Sequence[str]) -> Search:
     if len(text) > MAX_QUERY_CHARS:
         raise BadRequest(f"the query is longer than {MAX_QUERY_CHARS} characters")
     try:
-        query = Query.parse(
+        parsed = language.parse(
             text, fixed=_flag(params, "fixed"), word=_flag(params, "word"),
-            ignore_case=not _flag(params, "case", default=True),
+            case="yes" if _flag(params, "case", default=True) else "no",
         )
     except QueryError as error:
         raise BadRequest(str(error)) from None
@@ -73,7 +74,7 @@ def search(request: Request, names: Sequence[str]) -> Search:
     except file_types.UnknownType as error:
         raise BadRequest(str(error)) from None
     return Search(
-        repo_number(request, names), query, [glob for glob in params.getlist("glob") if glob],
+        repo_number(request, names), parsed, parsed.shown_query(), [glob for glob in params.getlist("glob") if glob],
         types, _number(params, "before", context, MAX_CONTEXT),
         _number(params, "after", context, MAX_CONTEXT),
         _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),

@@ -92,14 +92,18 @@ def _search_into(conn: Connection, repos: list[Repository], search: Search) -> N
     # Freshness is the server's concern (it watches the trees and refreshes before
     # dispatching): workers only read.
     results, reason = repos[search.repo].search(
-        search.query, globs=search.globs, types=search.types, before=search.before,
+        search.parsed, globs=search.globs, types=search.types, before=search.before,
         after=search.after, refresh=False,
     )
     totals = output.Stats()
+    # A query of fields alone lists files without lines: the limit counts those.
+    files_only = search.parsed.lists_files
+    shown = 0
     for path, hits in results:
         hits = hits[: search.limit - totals.matched_lines]
         conn.send(Lines(output.json_records(path, hits, search.query, None, totals)))
-        if totals.matched_lines >= search.limit:
+        shown = totals.files_with_matches if files_only else totals.matched_lines
+        if shown >= search.limit:
             break
     totals.searching = time.perf_counter() - started
-    conn.send(Finished(totals, totals.searching, totals.matched_lines >= search.limit, reason))
+    conn.send(Finished(totals, totals.searching, shown >= search.limit, reason))
