@@ -62,7 +62,7 @@ def decode_times(db_path: Path) -> tuple[float, float, float, int]:
     db = Database(db_path)
     bodies = [row[0] for row in db.fetchall(f"SELECT body FROM {chunk_store.COMPRESSED_TABLE} ORDER BY id")]
     groups = [bodies[i : i + chunk_groups._GROUP_CHUNKS] for i in range(0, len(bodies), chunk_groups._GROUP_CHUNKS)]
-    decoder = chunk_store._codec(db)
+    decoder = chunk_store.decoder(db)
     batched = zstandard.ZstdDecompressor(dict_data=zstandard.ZstdCompressionDict(chunk_store.dictionary(db)))
     texts = [text for group in groups for text in decoder.decode_many(group)]
     zipped = [zlib.compress(t.encode()) for t in texts]

@@ -15,6 +15,7 @@ from typing import Any, Callable
 from common import best_time, model, native, report, stdlib_files
 from velmora.storage.database import Database
 from velmora.storage import chunk_store
+from velmora.storage import layouts
 
 GOAL = 3
 SELECTIVE = "getaddrinfo"
@@ -43,13 +44,13 @@ def build_index(root: Path, store: str) -> tuple[Database, list[tuple[int, str, 
             "CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT,"
             " text_on_disk INTEGER NOT NULL DEFAULT 0)"
         )
-        chunk_store.create_tables(cursor, store)
+        layouts.named(store).create_tables(cursor)
         for file_id, path in enumerate(stdlib_files(), start=1):
             text = path.read_bytes().decode("utf-8", errors="replace")
             cursor.execute("INSERT INTO files VALUES (?, ?, 'python', 0)", (file_id, str(path)))
-            chunk_store.store_chunks(cursor, store, file_id, native.code_chunks(text))
+            layouts.named(store).store_chunks(cursor, file_id, native.code_chunks(text))
             files.append((file_id, str(path), "python", None))
-        chunk_store.optimize(cursor, store)
+        layouts.named(store).optimize(cursor)
     return db, files
 
 

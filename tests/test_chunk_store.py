@@ -6,6 +6,7 @@ import pytest
 
 from velmora.storage.database import Database
 from velmora.storage import chunk_store
+from velmora.storage import layouts
 
 STRIDE = chunk_store.CHUNK_STRIDE
 
@@ -20,9 +21,9 @@ FILES = {
 def make_db(path, store, files=FILES) -> Database:
     db = Database(path)
     with db.transaction() as cursor:
-        chunk_store.create_tables(cursor, store)
+        layouts.named(store).create_tables(cursor)
         for file_id, chunks in files.items():
-            chunk_store.store_chunks(cursor, store, file_id, chunks)
+            layouts.named(store).store_chunks(cursor, file_id, chunks)
     return db
 
 
@@ -43,7 +44,7 @@ def test_layout_is_told_from_the_tables(tmp_path, store):
     db = make_db(tmp_path / "i.db", store)
     assert chunk_store.layout(db) == store
     with db.transaction() as cursor:
-        chunk_store.drop_tables(cursor)
+        layouts.drop_tables(cursor)
     assert chunk_store.layout(db) is None
 
 
@@ -76,13 +77,13 @@ def test_compressed_rows_and_file_rows(tmp_path):
 def test_drop_chunks_forgets_the_file_and_only_it(tmp_path, store):
     db = make_db(tmp_path / "i.db", store)
     with db.transaction() as cursor:
-        chunk_store.drop_chunks(cursor, store, 1)
-        chunk_store.drop_chunks(cursor, store, 7)  # a file without chunks
+        layouts.named(store).drop_chunks(cursor, 1)
+        layouts.named(store).drop_chunks(cursor, 7)  # a file without chunks
     # A changed file is stored again under the same row ids.
     new = [(1, 1, "fresh text")]
     with db.transaction() as cursor:
-        chunk_store.drop_chunks(cursor, store, 3)
-        chunk_store.store_chunks(cursor, store, 3, new)
+        layouts.named(store).drop_chunks(cursor, 3)
+        layouts.named(store).store_chunks(cursor, 3, new)
 
     def chunk_ids(needle):
         if store == "compressed":
@@ -98,7 +99,7 @@ def test_drop_chunks_forgets_the_file_and_only_it(tmp_path, store):
         assert all_rows(db, {1, 2, 3}) == expected_rows({2: FILES[2], 3: new}, {2, 3})
         # ...and the index stays sound for further writes.
         with db.transaction() as cursor:
-            chunk_store.drop_chunks(cursor, store, 3)
+            layouts.named(store).drop_chunks(cursor, 3)
         assert chunk_ids("fresh") == set()
     else:
         assert db.fetchall("SELECT rowid FROM code_chunks ORDER BY rowid") == [(2 * STRIDE,), (3 * STRIDE,)]

@@ -18,6 +18,7 @@ from velmora.index import build as indexer
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.storage import chunk_store
+from velmora.storage import layouts
 
 STRIDE = chunk_store.CHUNK_STRIDE
 # Letters whose lower case is ASCII, the ASCII letters they become, others, and a run of spaces.
@@ -28,9 +29,9 @@ TEXT = st.lists(st.sampled_from(ALPHABET), max_size=12).map("".join)
 def chunk_db(texts: list[str]) -> Database:
     db = Database(":memory:")
     with db.transaction() as cursor:
-        chunk_store.create_tables(cursor, "compressed")
+        layouts.COMPRESSED.create_tables(cursor)
         for file_id, text in enumerate(texts, 1):
-            chunk_store.store_chunks(cursor, "compressed", file_id, [(1, 1, text)])
+            layouts.COMPRESSED.store_chunks(cursor, file_id, [(1, 1, text)])
     return db
 
 
@@ -58,7 +59,7 @@ def test_a_long_needle_is_looked_up_by_a_bounded_query():
     query = chunk_store.trigram_query(needle)
     assert query.count(" AND ") == chunk_store.MAX_TRIGRAMS - 1
     db = chunk_db([needle[:1000], needle[:2000]])
-    assert chunk_store.matching_ids(db, chunk_store.trigram_query(needle[:1500])) == {2 * STRIDE}
+    assert layouts.COMPRESSED.matching_ids(db, chunk_store.trigram_query(needle[:1500])) == {2 * STRIDE}
 
 
 def make_repo(root: Path, files: dict[str, str]) -> Path:

@@ -9,6 +9,7 @@ from pathlib import Path
 from velmora import cli
 from velmora.storage import schema
 from velmora.storage import chunk_store, code_text
+from velmora.storage import layouts
 
 STRIDE = chunk_store.CHUNK_STRIDE
 BIG_JSON = "[\n" + ",\n".join(f'  {{"id": {i}, "name": "needle {i}"}}' for i in range(1500)) + "\n]\n"
@@ -34,7 +35,7 @@ def build_3_0_index(root: Path) -> sqlite3.Connection:
             "sha1 TEXT NOT NULL)"
         )
         con.execute("INSERT INTO meta VALUES ('schema_version', '3.0.4')")
-        chunk_store.create_tables(con.cursor(), "code_chunks")
+        layouts.CODE_CHUNKS.create_tables(con.cursor())
         for file_id, (path, language, text) in FILES.items():
             stat = (root / path).stat()
             con.execute(
@@ -42,7 +43,7 @@ def build_3_0_index(root: Path) -> sqlite3.Connection:
                 (file_id, path, language, stat.st_size, stat.st_mtime_ns,
                  hashlib.sha1(text.encode()).hexdigest()),
             )
-            chunk_store.store_chunks(con.cursor(), "code_chunks", file_id, code_text.code_chunks(text))
+            layouts.CODE_CHUNKS.store_chunks(con.cursor(), file_id, code_text.code_chunks(text))
     return con
 
 

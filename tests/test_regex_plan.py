@@ -8,6 +8,7 @@ import subprocess
 import textwrap
 from functools import partial
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 from hypothesis import HealthCheck, given, settings
@@ -20,6 +21,7 @@ from velmora.storage import schema
 from velmora.query.pattern import Query
 from velmora.search.engine import search, select_files
 from velmora.storage import chunk_store
+from velmora.storage import layouts
 
 LAYOUTS = ["code_chunks", "compressed"]
 # Letters whose case rules trip a trigram index: KELVIN SIGN, dotted and dotless I, LONG S,
@@ -65,7 +67,7 @@ def regex_query(text: str, ignore_case: bool) -> Query:
 @pytest.fixture(scope="module", params=LAYOUTS)
 def index(request):
     connection = sqlite3.connect(":memory:")
-    chunk_store.create_tables(connection.cursor(), request.param)
+    layouts.named(request.param).create_tables(connection.cursor())
     table = "code_chunks" if request.param == "code_chunks" else chunk_store.TRIGRAM_TABLE
     return connection, request.param, table
 
@@ -86,10 +88,10 @@ def check_plan(index, query: Query, lines: list[str]) -> None:
         return
     cursor = connection.cursor()
     cursor.execute("SAVEPOINT t")
-    chunk_store.store_chunks(cursor, layout, 1, [(1, len(lines), text)])
+    layouts.named(layout).store_chunks(cursor, 1, [(1, len(lines), text)])
     try:
         if plan is None:
-            terms = partial(chunk_store.pair_terms, chunk_store._handle(cursor))
+            terms = partial(chunk_store.pair_terms, SimpleNamespace(connection=connection))
             if (plan := regex_plan.pair_plan(query.needle, query.case_sensitive, terms)) is None:
                 return
         rows = cursor.execute(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (plan,)).fetchall()
@@ -150,7 +152,7 @@ def test_a_search_finds_what_a_plain_scan_finds(tree, text, regex, ignore_case, 
     query = Query.parse(text, fixed=not regex, ignore_case=ignore_case)
     db = schema.open_index(schema.index_path(tree))
     try:
-        results, reason = search(db, query, select_files(db), before=context, after=context)
+        results, reason = search(db, query, select_files(db), root=tree, before=context, after=context)
         got = {path: hits for path, hits in results}
     finally:
         db.close()

@@ -13,8 +13,10 @@ from hypothesis import strategies as st
 import model
 from conftest import FakeDatabase, outcome, shape
 from strategies import lines, needles, texts
+from velmora.search import chunk_groups
 from velmora.storage.database import Database
 from velmora.storage import chunk_store
+from velmora.storage import layouts
 from velmora.storage import code_text as native
 
 S = chunk_store.CHUNK_STRIDE
@@ -47,11 +49,11 @@ def build(store: str, files: list[tuple[int, str, int, str]]) -> Database:
     with db.transaction() as cursor:
         cursor.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT,"
                        " text_on_disk INTEGER NOT NULL DEFAULT 0)")
-        chunk_store.create_tables(cursor, store)
+        layouts.named(store).create_tables(cursor)
         for file_id, text, flag, chunks in files:
             cursor.execute("INSERT INTO files VALUES (?, ?, 'text', ?)", (file_id, f"f{file_id}", flag))
             if chunks != "none":
-                chunk_store.store_chunks(cursor, store, file_id, model.code_chunks(text))
+                layouts.named(store).store_chunks(cursor, file_id, model.code_chunks(text))
             if chunks == "no_first":
                 table, key = ("code_chunks", "rowid") if store == "code_chunks" else (chunk_store.COMPRESSED_TABLE, "id")
                 cursor.execute(f"DELETE FROM {table} WHERE {key} = ?", (file_id * S,))
@@ -130,3 +132,9 @@ def test_rows_out_of_row_id_order_come_back_in_it() -> None:
     for impl in (native, model):
         assert impl._candidate_chunks(FakeDatabase(rows=rows), "code_chunks", [(1,)], None, True) == {
             1: [impl.Segment(1, ["a"], False), impl.Segment(65, ["b"], True)]}
+
+
+@given(text=texts(max_size=200), first=st.integers(0, 3), end=st.integers(-1, 3))
+def test_the_search_splits_a_chunk_as_the_module_does(text: str, first: int, end: int) -> None:
+    for chunk in [*native.code_chunks(text), (first, end, text)]:
+        assert chunk_groups.chunk_lines(*chunk) == native._chunk_lines(*chunk)

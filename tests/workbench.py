@@ -16,7 +16,7 @@ from typing import Any, Callable, Iterator
 import model
 from conftest import shape
 from velmora.storage.database import Database
-from velmora.storage import chunk_store
+from velmora.storage import layouts
 from velmora.storage import code_text as native
 
 S = native.CODE_CHUNK_STRIDE
@@ -136,12 +136,12 @@ class Workbench:
             cursor.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT,"
                            " text_on_disk INTEGER NOT NULL DEFAULT 0)")
             if store is not None:
-                chunk_store.create_tables(cursor, store)
+                layouts.named(store).create_tables(cursor)
             for file_id, (path, text) in TEXTS.items():
                 on_disk = file_id in ON_DISK
                 cursor.execute("INSERT INTO files VALUES (?, ?, 'text', ?)", (file_id, path, int(on_disk)))
                 if store is not None and not on_disk and file_id not in skip:
-                    chunk_store.store_chunks(cursor, store, file_id, model.code_chunks(text))
+                    layouts.named(store).store_chunks(cursor, file_id, model.code_chunks(text))
         return db
 
     def close(self) -> None:

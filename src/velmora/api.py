@@ -26,7 +26,7 @@ from velmora.storage.database import Database
 from velmora.query.language import Parsed
 from velmora.query.pattern import Query, QueryError
 from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search, select_files
-from velmora.storage import chunk_store, code_text
+from velmora.storage import code_text, layouts
 from velmora.utils.fsio import is_plain_relative
 
 __all__ = ["Hit", "Query", "Repository", "RepositoryError", "Run", "find_root"]
@@ -128,15 +128,15 @@ class Repository:
             parsed, repo = query, name or self.root.name
             return self._searched(
                 lambda files, from_disk: evaluate(
-                    self._db, parsed, files, repo=repo, from_disk=from_disk,
+                    self._db, parsed, files, root=self.root, repo=repo, from_disk=from_disk,
                     before=before, after=after, max_count=max_count,
                 ),
                 globs, paths, types, refresh,
             )
         return self._searched(
             lambda files, from_disk: search(
-                self._db, query, files, before=before, after=after, max_count=max_count,
-                from_disk=from_disk,
+                self._db, query, files, root=self.root, before=before, after=after,
+                max_count=max_count, from_disk=from_disk,
             ),
             globs, paths, types, refresh,
         )
@@ -153,7 +153,9 @@ class Repository:
         """As ``search`` without context or a limit, each file's matches as runs of its
         lines (``search.matching_lines``): the fast shape for printing them."""
         return self._searched(
-            lambda files, from_disk: matching_lines(self._db, query, files, from_disk=from_disk),
+            lambda files, from_disk: matching_lines(
+                self._db, query, files, root=self.root, from_disk=from_disk
+            ),
             globs, paths, types, refresh,
         )
 
@@ -246,12 +248,13 @@ class Repository:
         )
         if not rows:
             raise KeyError(path)
-        row, store = rows[0], chunk_store.layout(self._db)
+        row = rows[0]
         try:
-            source, reason = code_text.text_source(self._db, [row], None, True, store=store)
+            source, reason = layouts.text_source(self._db, self.root, None, True)
             lines = source.lines(row[0], row[1])
-            if store is not None and reason is None:  # read from the index
-                chunk_counts.check_file(self._db, store, row[0], len(lines))
+            if reason is None:  # read from the index
+                assert self._db.layout is not None
+                chunk_counts.check_file(self._db, self._db.layout, row[0], len(lines))
             return "\n".join(lines)
         except _DAMAGE as error:
             raise self._damaged(error) from None

@@ -24,7 +24,8 @@ from velmora.index import safety
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.utils.progress import Progress
-from velmora.storage import chunk_store, code_text, codec
+from velmora.storage import chunk_store, code_text, codec, layouts
+from velmora.storage.layouts import ChunkLayout
 from velmora.utils.fsio import read_bytes_no_follow
 
 LANGUAGES = {
@@ -179,8 +180,8 @@ def _count(n: int, noun: str) -> str:
     return f"{n} {noun}" if n == 1 else f"{n} {noun}s"
 
 
-def default_layout() -> chunk_store.Layout:
-    return "compressed"
+def default_layout() -> ChunkLayout:
+    return layouts.COMPRESSED
 
 
 def index(
@@ -199,29 +200,31 @@ def index(
     started = time.monotonic()
     run_ns = time.time_ns()
     db_path = safety.index_file(root)
+    forced = layouts.named(store) if store else None
     if rebuild:
         built = db_path.with_name(db_path.name + ".new")
         safety.remove_index_file(built)
-        summary = _index_at(built, root, store, run_ns, progress, workers)
+        summary = _index_at(built, root, forced, run_ns, progress, workers)
         safety.replace_index_file(built, db_path)
     else:
-        summary = _index_at(db_path, root, store, run_ns, progress, workers)
+        summary = _index_at(db_path, root, forced, run_ns, progress, workers)
     summary.seconds = time.monotonic() - started
     return summary
 
 
 def _index_at(
-    db_path: Path, root: Path, store, run_ns: int, progress: bool, workers: int | None
+    db_path: Path, root: Path, forced: ChunkLayout | None, run_ns: int, progress: bool,
+    workers: int | None,
 ) -> Summary:
     if os.path.lexists(db_path):
         db = schema.open_index(db_path, progress)
     else:
         safety.create_private_file(db_path)
         db = Database(db_path)
-        schema.create(db, store or default_layout())
+        schema.create(db, forced or default_layout())
     try:
         safety.for_writing(db)
-        return _update(db, root, store, run_ns, progress, workers)
+        return _update(db, root, forced, run_ns, progress, workers)
     finally:
         db.close()
 
@@ -229,37 +232,35 @@ def _index_at(
 def _update(
     db: Database,
     root: Path,
-    store: chunk_store.Layout | None,
+    forced: ChunkLayout | None,
     run_ns: int,
     progress: bool,
     workers: int | None,
 ) -> Summary:
-    current = chunk_store.layout(db)
-    wanted = store or current or default_layout()
+    current = db.layout
+    wanted = forced or current or default_layout()
     paths = list_files(root)
     with db.transaction() as cursor:
         # A new index, or one converted to another layout, is loaded whole.
         bulk = current != wanted or not cursor.execute("SELECT 1 FROM files").fetchone()
         if current != wanted:
-            chunk_store.drop_tables(cursor)
-            chunk_store.create_tables(cursor, wanted)
+            layouts.drop_tables(cursor)
+            wanted.create_tables(cursor)
             schema.set_meta(cursor, schema.PAIR_MARK, "1")
             # Every file is parsed again into the new layout; a size of -1 never matches.
             cursor.execute("UPDATE files SET size = -1, text_on_disk = 0, chunks = 0")
-        if wanted == "compressed" and not cursor.execute(
-            f"SELECT 1 FROM {chunk_store.COMPRESSED_TABLE} LIMIT 1"
-        ).fetchone():
-            chunk_store.set_dictionary(cursor, codec.train(_samples(root, paths)))
-        chunk_store.set_bulk_load(cursor, wanted, bulk)
+        wanted.prepare_load(cursor, lambda: _samples(root, paths))
+        wanted.set_bulk_load(cursor, bulk)
         schema.set_meta(cursor, schema.PASS_MARK, str(run_ns))
-    dictionary = chunk_store.dictionary(db) if wanted == "compressed" else b""
+    db.layout = wanted
+    dictionary = wanted.dictionary(db)
     last_run = int(schema.get_meta(db, "last_run_ns") or 0)
     known = {
         row[0]: _Known._make(row[1:])
         for row in db.rows("SELECT path, id, size, mtime_ns, sha1, inode FROM files")
     }
     left_out = {row[0]: row[1:] for row in db.fetchall("SELECT * FROM skipped")}
-    summary = Summary(store=wanted)
+    summary = Summary(store=wanted.name)
     seen, skipped, work = _survey(root, paths, known, left_out, last_run)
     bar = Progress(len(paths)) if progress else None
     if bar:
@@ -281,7 +282,7 @@ def _update(
             raise
     with db.transaction() as cursor:
         for path in known.keys() - seen:
-            chunk_store.drop_chunks(cursor, wanted, known[path].id)
+            wanted.drop_chunks(cursor, known[path].id)
             cursor.execute("DELETE FROM files WHERE id = ?", (known[path].id,))
             summary.removed += 1
         cursor.execute("DELETE FROM skipped")
@@ -292,8 +293,8 @@ def _update(
         schema.set_meta(cursor, "last_run_ns", str(run_ns))
         schema.set_meta(cursor, "last_pass_seconds", f"{(time.time_ns() - run_ns) / 1e9:.3f}")
         if bulk:
-            chunk_store.optimize(cursor, wanted)
-            chunk_store.set_bulk_load(cursor, wanted, False)
+            wanted.optimize(cursor)
+            wanted.set_bulk_load(cursor, False)
             _reclaim(cursor)
         schema.delete_meta(cursor, schema.PASS_MARK)
     if bar:
@@ -401,7 +402,7 @@ def _survey(
 
 
 def _prepare(
-    root: Path, path: str, info: os.stat_result, known: _Known | None, store, encoder
+    root: Path, path: str, info: os.stat_result, known: _Known | None, layout: ChunkLayout, encoder
 ) -> _Prepared | _LeftOut:
     """Read, check, chunk and encode one file, or say why it is left out."""
     stamp = (info.st_size, info.st_mtime_ns, info.st_ino)
@@ -421,7 +422,7 @@ def _prepare(
     if len(chunks) >= chunk_store.CHUNK_STRIDE:
         return _LeftOut("too many lines", *stamp)
     on_disk = code_text.text_kept_on_disk(language, code_text.stored_text_bytes(text))
-    encoded = [] if on_disk else chunk_store.encode_chunks(store, encoder, chunks)
+    encoded = [] if on_disk else layout.encode_chunks(encoder, chunks)
     return _Prepared(path, *stamp, sha1, language, on_disk, encoded)
 
 
@@ -432,9 +433,9 @@ class _Pool:
     go of the GIL, and nothing has to be copied between processes (bench/bench_index.py).
     """
 
-    def __init__(self, workers: int | None, store: chunk_store.Layout, dictionary: bytes) -> None:
+    def __init__(self, workers: int | None, layout: ChunkLayout, dictionary: bytes) -> None:
         self.workers = workers or min(4, os.cpu_count() or 1)
-        self.store, self.dictionary = store, dictionary
+        self.layout, self.dictionary = layout, dictionary
         self.local = threading.local()
 
     def __enter__(self) -> _Pool:
@@ -461,18 +462,17 @@ class _Pool:
             yield path, future.result()
 
     def _prepare(self, root: Path, path: str, info: os.stat_result, known: _Known | None):
-        encoder = getattr(self.local, "encoder", None)
-        if encoder is None and self.store == "compressed":
-            encoder = self.local.encoder = codec.Encoder(self.dictionary)
-        return _prepare(root, path, info, known, self.store, encoder)
+        if not hasattr(self.local, "encoder"):
+            self.local.encoder = self.layout.encoder(self.dictionary)
+        return _prepare(root, path, info, known, self.layout, self.local.encoder)
 
 
 class _Writer:
     """The one writer: files' rows and chunks, committed in batches."""
 
-    def __init__(self, db: Database, store: chunk_store.Layout, summary: Summary) -> None:
+    def __init__(self, db: Database, layout: ChunkLayout, summary: Summary) -> None:
         self.connection = db.connection
-        self.store, self.summary = store, summary
+        self.layout, self.summary = layout, summary
         self.cursor: sqlite3.Cursor | None = None
         self.files = self.bytes = 0
 
@@ -499,7 +499,7 @@ class _Writer:
                 self.summary.added += 1
             else:
                 file_id = known.id
-                chunk_store.drop_chunks(cursor, self.store, file_id)
+                self.layout.drop_chunks(cursor, file_id)
                 cursor.execute(
                     "UPDATE files SET language = ?, size = ?, mtime_ns = ?, inode = ?, sha1 = ?, "
                     "text_on_disk = ?, chunks = ? WHERE id = ?",
@@ -507,7 +507,7 @@ class _Writer:
                 )
                 self.summary.changed += 1
             if not done.on_disk:
-                chunk_store.insert_encoded(cursor, self.store, file_id, done.encoded)
+                self.layout.insert(cursor, file_id, done.encoded)
                 self.summary.chunks += len(done.encoded)
                 self.summary.bytes += done.size
                 self.bytes += done.size

@@ -7,7 +7,6 @@ import time
 from pathlib import Path
 
 from velmora.storage import schema
-from velmora.storage import chunk_store
 
 
 def report(root: Path) -> str:
@@ -24,7 +23,7 @@ def report(root: Path) -> str:
         )[0]
         skipped = db.fetchall("SELECT reason, path FROM skipped ORDER BY reason, path")
         kept = db.fetchall("SELECT path FROM files WHERE text_on_disk != 0 ORDER BY path")
-        store = chunk_store.layout(db)
+        store = None if db.layout is None else db.layout.name
         last_run = schema.get_meta(db, "last_run_ns")
         seconds = schema.get_meta(db, "last_pass_seconds")
         running = schema.get_meta(db, schema.PASS_MARK)

@@ -7,9 +7,9 @@ from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
 from typing import NamedTuple
 
-from velmora.storage import chunk_counts
+from velmora.storage import chunk_counts, chunk_store, code_text
 from velmora.storage.database import Database
-from velmora.storage import chunk_store, code_text
+from velmora.storage.layouts import ChunkLayout
 
 STRIDE = chunk_store.CHUNK_STRIDE
 # Chunks held at once: a few MB of text, whatever the size of the corpus.
@@ -28,9 +28,15 @@ class Chunk(NamedTuple):
     last: bool
 
 
+def chunk_lines(first: int, end: int, text: str) -> list[str]:
+    """A stored chunk's lines: its text split at each LF (no other character ends a line
+    there), and none for the one chunk of a file without a line, numbered 1 to 0."""
+    return text.split("\n") if end >= first else []
+
+
 def file_chunks(
     db: Database,
-    store: chunk_store.Layout,
+    layout: ChunkLayout,
     files: Sequence[code_text.FileRow],
     plan: str | None,
     keep: Collection[int],
@@ -43,19 +49,19 @@ def file_chunks(
     left out, unless its id is in ``keep`` (it then comes with an empty list).
 
     ``with_last`` asks for each chunk's ``last`` flag. ``holding``, when given, is a text
-    that every chunk let through holds (the ``code_chunks`` layout tests it as it reads).
+    that every chunk let through holds (chunks without it may be left out as they are read).
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
-    chunk_counts.check_totals(db, store)
+    chunk_counts.check_totals(db, layout)
     if plan is None:
-        yield from _groups(db, store, files, None, with_last, holding)
+        yield from _groups(db, layout, files, None, with_last, holding)
         return
-    rowids = array("q", sorted(chunk_store.matching_ids(db, plan, store)))
+    rowids = array("q", sorted(layout.matching_ids(db, plan)))
     with_chunks = {rowid // STRIDE for rowid in rowids}
     files = [row for row in files if row[0] in with_chunks or row[0] in keep]
-    yield from _groups(db, store, files, rowids, with_last, holding)
+    yield from _groups(db, layout, files, rowids, with_last, holding)
 
 
-def _groups(db, store, files, rowids: array | None, with_last: bool, holding: str | None):
+def _groups(db, layout: ChunkLayout, files, rowids: array | None, with_last: bool, holding: str | None):
     group: list[code_text.FileRow] = []
     wanted: list[int] = []  # the group's chunk row ids, or its file ids for whole files
     for row in files:
@@ -67,54 +73,19 @@ def _groups(db, store, files, rowids: array | None, with_last: bool, holding: st
             wanted.extend(rowids[low:high])
         group.append(row)
         if len(wanted) >= _GROUP_CHUNKS or (rowids is None and len(group) >= _GROUP_FILES):
-            yield from _read_group(db, store, group, wanted, rowids is None, with_last, holding)
+            yield from _read_group(db, layout, group, wanted, rowids is None, with_last, holding)
             group, wanted = [], []
     if group:
-        yield from _read_group(db, store, group, wanted, rowids is None, with_last, holding)
+        yield from _read_group(db, layout, group, wanted, rowids is None, with_last, holding)
 
 
-def _read_group(db, store, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
+def _read_group(db, layout: ChunkLayout, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
     found: dict[int, list[Chunk]] = {}
     if wanted:
-        for rowid, start, end, text, last in _chunk_rows(db, store, group, wanted, whole_files, with_last, holding):
+        for rowid, start, end, text, last in layout.group_rows(db, group, wanted, whole_files, with_last, holding):
             found.setdefault(rowid // STRIDE, []).append(_new_chunk(Chunk, (start, end, text, last)))
     for row in group:
         yield row, found.pop(row[0], [])
-
-
-def _chunk_rows(db, store, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
-    """(row id, first line, last line, text, last flag) of the chunks, each file's in order."""
-    table, key = chunk_store.chunk_table(store)
-    text = "coalesce(c.exact, c.text)" if store == "code_chunks" else "c.body"
-    if whole_files:
-        where = f"c.{key} >= w.value * {STRIDE} AND c.{key} < (w.value + 1) * {STRIDE}"
-    else:
-        where = f"c.{key} = w.value"
-    parameters: tuple = ("[" + ",".join(map(str, wanted)) + "]",)
-    if holding is not None and store == "code_chunks":
-        # SQLite tests the text far faster than the rows can be handed to Python.
-        where += " AND instr(c.text, ?)"
-        parameters += (holding,)
-    last = f"NOT EXISTS (SELECT 1 FROM {table} n WHERE n.{key} = c.{key} + 1)" if with_last else "0"
-    rows = db.rows(
-        f"SELECT c.{key}, c.start_line, c.end_line, {text}, {last} "
-        # The files' order first, then each file's chunks by row id.
-        f"FROM json_each(?) w CROSS JOIN {table} c ON {where}",
-        parameters,
-    )
-    if store == "code_chunks":
-        return rows
-    # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the bytes,
-    # a chunk without it costs neither a str nor a row.
-    rows = list(rows)
-    chunk_counts.check_read(db, group, None if whole_files else len(wanted), len(rows))
-    needle = b"" if holding is None else holding.encode("utf-8")
-    texts = chunk_store._codec(db).decode_many([row[3] for row in rows], needle)
-    return (
-        (rowid, start, end, text, last)
-        for (rowid, start, end, _, last), text in zip(rows, texts)
-        if text is not None
-    )
 
 
 # Makes a Chunk without the Python-level constructor of a named tuple.

@@ -2,19 +2,22 @@
 
 from __future__ import annotations
 
-import re
 from collections.abc import Collection, Iterable, Iterator, Sequence
-from functools import partial
 from itertools import islice
-from typing import TYPE_CHECKING, NamedTuple
+from pathlib import Path
+from typing import TYPE_CHECKING, NamedTuple, TypeAlias
 
 from velmora.query.pattern import Query
 from velmora.search import chunk_groups, chunk_scan
+from velmora.storage import code_text, layouts
 from velmora.storage.database import Database
-from velmora.storage import chunk_store, code_text
+from velmora.storage.layouts import ChunkLayout
 
 if TYPE_CHECKING:
     from velmora.index.freshness import DiskOverlay
+
+# Where whole files come from: the module's text source, or one with changed files on top.
+TextSource: TypeAlias = "code_text.ChunkText | code_text.DiskText | DiskOverlay"
 
 
 class Hit(NamedTuple):
@@ -69,6 +72,7 @@ def search(
     query: Query,
     files: Sequence[code_text.FileRow],
     *,
+    root: Path,
     before: int = 0,
     after: int = 0,
     max_count: int | None = None,
@@ -76,11 +80,11 @@ def search(
 ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
     """The matches file by file, and why the files are read from disk (None if they aren't).
 
-    The files whose ids are in ``from_disk`` are read from disk whatever the index holds
+    ``root`` is the repository the index ``db`` belongs to. The files whose ids are in ``from_disk`` are read from disk whatever the index holds
     (files changed since it was written). The other files are read a group at a time, so a
     search holds only one group's text.
     """
-    source, segmented, reason = _segmented(db, query, files, from_disk, bool(before or after))
+    source, segmented, reason = _segmented(db, root, query, files, from_disk, bool(before or after))
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
         for row, segments in segmented:
@@ -96,12 +100,13 @@ def matching_lines(
     query: Query,
     files: Sequence[code_text.FileRow],
     *,
+    root: Path,
     from_disk: Collection[int] = frozenset(),
 ) -> tuple[Iterator[tuple[str, list[Run]]], str | None]:
     """As ``search`` without context or a limit, each file's matches as runs of its lines:
     no object per match, for output that only needs each matching line and its place. A file
     may come with runs that hold no match."""
-    _, segmented, reason = _segmented(db, query, files, from_disk, False)
+    _, segmented, reason = _segmented(db, root, query, files, from_disk, False)
     runs = (
         (row[1], [
             _new_run(Run, (first + skipped, lines[skipped:] if skipped else lines, found))
@@ -114,36 +119,35 @@ def matching_lines(
 
 def _segmented(
     db: Database,
+    root: Path,
     query: Query,
     files: Sequence[code_text.FileRow],
     from_disk: Collection[int],
     with_last: bool,
-) -> tuple[
-    code_text.ChunkText | code_text.DiskText | DiskOverlay,
-    Iterator[tuple[code_text.FileRow, list[_Segment]]],
-    str | None,
-]:
+) -> tuple[TextSource, Iterator[tuple[code_text.FileRow, list[_Segment]]], str | None]:
     """The source of whole files, the files that may match with their segments, and why the
     files are read from disk."""
-    store = chunk_store.layout(db)
-    source: code_text.ChunkText | code_text.DiskText | DiskOverlay
-    source, on_disk, reason = _text_source(db, query, store)
+    layout = db.layout
+    source: TextSource
+    source, reason = layouts.text_source(db, root, query.needle, query.case_sensitive)
+    on_disk: Collection[int] = frozenset()
+    if reason is None:
+        assert layout is not None
+        on_disk = layout.on_disk_ids(db)
     if from_disk:
         from velmora.index.freshness import DiskOverlay
 
-        # Rooted where text_source roots its own: the index file's third parent.
-        root = db.db_path.parents[2]
         disk = code_text.DiskText(root, query.needle, query.case_sensitive)
         source = DiskOverlay(source, disk, from_disk)
         on_disk = frozenset(on_disk) | frozenset(from_disk)
     texts: Iterable[tuple[code_text.FileRow, list[chunk_groups.Chunk]]]
     if reason is None:
-        assert store is not None
+        assert layout is not None
         # A case-sensitive needle is held as it is by any chunk that holds a match (where the
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
-            db, store, files, _plan(db, store, query), on_disk, with_last=with_last, holding=held
+            db, layout, files, _plan(db, layout, query), on_disk, with_last=with_last, holding=held
         )
     else:
         texts = ((row, []) for row in files)
@@ -170,36 +174,17 @@ def _segmented(
     return source, per_file(), reason
 
 
-# A needle that no text holds, to ask the module where the text comes from without selecting
-# any chunk: its trigrams are looked up, not scanned for.
-_ABSENT = "\x01\x02\x03"
-
-
-def _text_source(
-    db: Database, query: Query, store: chunk_store.Layout | None
-) -> tuple[code_text.ChunkText | code_text.DiskText, Collection[int], str | None]:
-    """The module's choice of the index or the disk: the source for the files read from disk
-    and for whole files, the ids of the files the index keeps on disk, and why every file is
-    read from disk (None when the index answers)."""
-    probe, reason = code_text.text_source(db, (), _ABSENT, True, store=store)
-    if isinstance(probe, code_text.DiskText):
-        return code_text.DiskText(probe._root, query.needle, query.case_sensitive), frozenset(), reason
-    disk = code_text.DiskText(probe._disk._root, query.needle, query.case_sensitive)
-    assert store is not None
-    return code_text.ChunkText(db, store, {}, disk, probe._on_disk), probe._on_disk, None
-
-
-def _plan(db: Database, store: chunk_store.Layout, query: Query) -> str | None:
+def _plan(db: Database, layout: ChunkLayout, query: Query) -> str | None:
     from velmora.query import plan as regex_plan
-    from velmora.storage import schema
 
     if query.pattern is not None:
         return regex_plan.pattern_plan(query.pattern)
     assert query.needle is not None
     plan = regex_plan.needle_plan(query.needle, query.case_sensitive)
-    if plan is None and store == "compressed" and schema.get_meta(db, schema.PAIR_MARK):
-        terms = partial(chunk_store.pair_terms, db)
-        plan = regex_plan.pair_plan(query.needle, query.case_sensitive, terms)
+    if plan is None:
+        terms = layout.pair_terms(db)
+        if terms is not None:
+            plan = regex_plan.pair_plan(query.needle, query.case_sensitive, terms)
     return plan
 
 
@@ -210,7 +195,7 @@ def _chunk_segments(
     """The chunks of the file at ``path`` that may hold a match, as segments with their
     matches (found as read). Without ``whole`` (no context is shown), a segment may leave
     out the lines that come before the first match or after the last."""
-    chunk_lines, line_matches = code_text._chunk_lines, code_text.line_matches
+    chunk_lines, line_matches = chunk_groups.chunk_lines, code_text.line_matches
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     trimmed = not whole and pattern is None and case_sensitive
     segments: list[_Segment] = []

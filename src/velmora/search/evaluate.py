@@ -4,6 +4,7 @@ lines to show in them."""
 from __future__ import annotations
 
 from collections.abc import Collection, Iterator, Sequence
+from pathlib import Path
 
 from velmora.output.printer import column_in_line
 from velmora.query.language import And, Not, Or, Parsed, Term
@@ -20,6 +21,7 @@ def evaluate(
     parsed: Parsed,
     files: Sequence[code_text.FileRow],
     *,
+    root: Path,
     repo: str,
     from_disk: Collection[int] = frozenset(),
     before: int = 0,
@@ -31,10 +33,10 @@ def evaluate(
     single = parsed.single_text
     if single is not None:
         # A lone pattern answers as the plain search of it does.
-        return search(db, single.query, files, before=before, after=after, max_count=max_count,
-                      from_disk=from_disk)
+        return search(db, single.query, files, root=root, before=before, after=after,
+                      max_count=max_count, from_disk=from_disk)
     reasons: list[str] = []
-    holding = _Holding(db, parsed, repo, from_disk, reasons)
+    holding = _Holding(db, root, parsed, repo, from_disk, reasons)
     held = holding.rows(parsed.expr, list(files))
     shown_terms = parsed.content_terms()
 
@@ -42,7 +44,7 @@ def evaluate(
         if not shown_terms:
             yield from ((row[1], []) for row in held)
             return
-        found = _lines(db, shown_terms, held, from_disk, before, after, max_count)
+        found = _lines(db, root, shown_terms, held, from_disk, before, after, max_count)
         for row in held:
             yield row[1], found.get(row[1], [])
 
@@ -55,9 +57,10 @@ class _Holding:
     and looks at its fields, which cost no read, before its text terms."""
 
     def __init__(
-        self, db: Database, parsed: Parsed, repo: str, from_disk: Collection[int], reasons: list[str]
+        self, db: Database, root: Path, parsed: Parsed, repo: str, from_disk: Collection[int],
+        reasons: list[str],
     ) -> None:
-        self.db, self.parsed, self.repo = db, parsed, repo
+        self.db, self.root, self.parsed, self.repo = db, root, parsed, repo
         self.from_disk, self.reasons = from_disk, reasons
 
     def rows(self, node, within: Rows) -> Rows:
@@ -91,7 +94,9 @@ class _Holding:
     def term(self, term: Term, within: Rows) -> Rows:
         field = term.field
         if field == "text" and not self.parsed.files_only or field == "content":
-            results, reason = search(self.db, term.query, within, max_count=1, from_disk=self.from_disk)
+            results, reason = search(
+                self.db, term.query, within, root=self.root, max_count=1, from_disk=self.from_disk
+            )
             if reason:
                 self.reasons.append(reason)
             held = {path for path, _ in results}
@@ -109,18 +114,19 @@ class _Holding:
 
 
 def _lines(
-    db: Database, terms: list[Term], held: Rows, from_disk: Collection[int],
+    db: Database, root: Path, terms: list[Term], held: Rows, from_disk: Collection[int],
     before: int, after: int, max_count: int | None,
 ) -> dict[str, list[Hit]]:
     """The lines of the files ``held`` that match one of ``terms``, as one search of them all
     would give them."""
     if len(terms) == 1:
-        results, _ = search(db, terms[0].query, held, before=before, after=after,
+        results, _ = search(db, terms[0].query, held, root=root, before=before, after=after,
                             max_count=max_count, from_disk=from_disk)
         return dict(results)
     merged: dict[str, dict[int, Hit]] = {}
     for term in terms:
-        results, _ = search(db, term.query, held, before=before, after=after, from_disk=from_disk)
+        results, _ = search(db, term.query, held, root=root, before=before, after=after,
+                            from_disk=from_disk)
         for path, hits in results:
             lines = merged.setdefault(path, {})
             for hit in hits:

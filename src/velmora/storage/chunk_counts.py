@@ -5,29 +5,33 @@ from __future__ import annotations
 
 import json
 from collections.abc import Sequence
+from typing import TYPE_CHECKING
 
-from velmora.storage.database import Database
 from velmora.storage import chunk_store, code_text
+
+if TYPE_CHECKING:
+    from velmora.storage.database import Database
+    from velmora.storage.layouts import ChunkLayout
 
 
 class MissingChunks(ValueError):
     """The index lacks chunks that its ``files`` rows count."""
 
 
-def check_totals(db: Database, store: chunk_store.Layout) -> None:
+def check_totals(db: Database, layout: ChunkLayout) -> None:
     """The full-text index has one entry per chunk that the files count.
 
     Two totals, cheap to take: SQLite keeps one small row per indexed chunk beside the
     full-text index (its ``docsize`` table), and the counts have an index of their own.
     Covers a chunk lost with its entry, which no candidate brings back to be missed.
     """
-    sizes = f"{chunk_store.fts_table(store)}_docsize"
+    sizes = f"{layout.fts_table}_docsize"
     (entries, counted), = db.fetchall(
         f"SELECT (SELECT COUNT(*) FROM {sizes}), (SELECT total(chunks) FROM files)"
     )
     if entries != counted:
         # Only a damaged index gets here: the scan that finds the file is affordable.
-        path = _short(db, sizes, "id", "files", ())
+        path = _short(db, chunk_store.rows_per_file_sql(sizes, "id"), "files", ())
         if path is not None:
             raise _missing(path)
         raise MissingChunks(f"its full-text index has {entries} entries for {int(counted)} chunks")
@@ -48,17 +52,16 @@ def check_read(
     if wanted is None:
         wanted = db.fetchall(f"SELECT total(chunks) FROM {within}", ids)[0][0]
     if read != wanted:
-        path = _short(db, chunk_store.COMPRESSED_TABLE, "id", within, ids)
+        path = _short(db, chunk_store.rows_per_file_sql(chunk_store.COMPRESSED_TABLE, "id"), within, ids)
         if path is not None:
             raise _missing(path)
         raise MissingChunks("its trigram index names chunks it does not hold")
 
 
-def check_file(db: Database, store: chunk_store.Layout, file_id: int, lines: int) -> None:
+def check_file(db: Database, layout: ChunkLayout, file_id: int, lines: int) -> None:
     """A file read whole from the index, outside a search, came back with every chunk it
     counts and as many ``lines`` as they number (nothing is checked for a file kept on disk)."""
-    table, key = chunk_store.chunk_table(store)
-    held, last = (chunk_store.rows_per_file_sql(table, key, of) for of in ("COUNT(*)", "max(c.end_line)"))
+    held, last = (layout.rows_per_file_sql(of) for of in ("COUNT(*)", "max(c.end_line)"))
     found = db.fetchall(
         f"SELECT path, chunks = {held}, coalesce({last}, 0) FROM files WHERE id = ? AND text_on_disk = 0",
         (file_id,),
@@ -69,10 +72,9 @@ def check_file(db: Database, store: chunk_store.Layout, file_id: int, lines: int
         raise MissingChunks(f"the chunks of {found[0][0]} number {found[0][2]} lines but hold {lines}")
 
 
-def _short(db: Database, table: str, key: str, files: str, parameters: tuple) -> str | None:
-    """The path of one of ``files`` (a table or subquery) whose rows in ``table`` are not as
-    many as it counts."""
-    rows = chunk_store.rows_per_file_sql(table, key)
+def _short(db: Database, rows: str, files: str, parameters: tuple) -> str | None:
+    """The path of one of ``files`` (a table or subquery) whose chunk ``rows`` (an SQL
+    expression) are not as many as it counts."""
     short = db.fetchall(f"SELECT path FROM {files} AS files WHERE chunks != {rows} LIMIT 1", parameters)
     return short[0][0] if short else None
 

@@ -14,16 +14,21 @@ Two layouts hold the same chunks under the same row ids (a file's chunks from
 In both, the searchable text holds each NUL as a space: the trigram tokenizer stops at a
 NUL.  The trigram index folds case as SQLite's Unicode folding does (every ASCII letter,
 U+212A KELVIN SIGN as "k", and most cased letters of other scripts), but not U+0130, whose
-lower case is "i" plus a combining dot.  The writer functions take a ``sqlite3`` cursor
-inside the caller's transaction; the reader functions take the index ``Database``.
+lower case is "i" plus a combining dot.
+
+Here are what the module ``code_text`` calls and the compressed layout's own reading and
+writing; the layout objects of ``layouts`` own every statement that depends on the layout.
+The writer functions take a ``sqlite3`` cursor inside the caller's transaction; the reader
+functions take the index ``Database``.
 """
 
 from __future__ import annotations
 
 import re
 import sqlite3
-from collections.abc import Collection, Iterable, Iterator, Sequence
+from collections.abc import Collection, Iterator
 from typing import Any, Literal
+from weakref import WeakKeyDictionary
 
 from velmora.storage import codec
 
@@ -42,7 +47,8 @@ DICTIONARY_TABLE = "chunk_dictionary"
 
 Layout = Literal["compressed", "code_chunks"]
 
-Chunk = tuple[int, int, str]
+# The compressed layout's tables, which a conversion to the other layout drops.
+COMPRESSED_TABLES = (COMPRESSED_TABLE, TRIGRAM_TABLE, DICTIONARY_TABLE)
 
 # The trigram index holds this much of its new entries in memory before it writes them out,
 # half FTS5's default: its hash table puts most trigrams in a few thousand buckets, so the
@@ -76,16 +82,6 @@ def layout(db) -> Layout | None:
     return None
 
 
-def fts_table(store: Layout) -> str:
-    """The name of the layout's full-text table, the one ``matching_ids`` queries."""
-    return TRIGRAM_TABLE if store == "compressed" else "code_chunks"
-
-
-def chunk_table(store: Layout) -> tuple[str, str]:
-    """The layout's table of chunk rows, and the name of its row-id column."""
-    return ("code_chunks", "rowid") if store == "code_chunks" else (COMPRESSED_TABLE, "id")
-
-
 def rows_per_file_sql(table: str, key: str, of: str = "COUNT(*)") -> str:
     """An SQL expression: how many rows of ``table`` (row ids in ``key``) belong to the
     ``files`` row in scope, or another aggregate ``of`` them (columns as ``c.name``)."""
@@ -98,15 +94,12 @@ def rows_per_file_sql(table: str, key: str, of: str = "COUNT(*)") -> str:
 # -- writer side ----------------------------------------------------------------------
 
 
-def create_tables(cursor: sqlite3.Cursor, store: Layout, dictionary: bytes = b"") -> None:
-    """Create the chunk tables of a layout (nothing happens for tables that exist).
+def create_compressed_tables(cursor: sqlite3.Cursor, dictionary: bytes = b"") -> None:
+    """Create the compressed layout's tables (nothing happens for tables that exist).
 
-    ``dictionary`` is the compressed layout's codec dictionary (``codec.train``); it is
-    fixed for the life of the tables.
+    ``dictionary`` is the codec dictionary (``codec.train``); it is fixed for the life of
+    the tables.
     """
-    if store == "code_chunks":
-        cursor.execute(CODE_CHUNKS_DDL)
-        return
     cursor.execute(
         f"CREATE TABLE IF NOT EXISTS {COMPRESSED_TABLE} ("
         "id INTEGER PRIMARY KEY, start_line INTEGER NOT NULL, "
@@ -127,12 +120,6 @@ def create_tables(cursor: sqlite3.Cursor, store: Layout, dictionary: bytes = b""
     cursor.execute(f"INSERT OR IGNORE INTO {DICTIONARY_TABLE} VALUES (1, ?)", (dictionary,))
 
 
-def drop_tables(cursor: sqlite3.Cursor) -> None:
-    """Drop the chunk tables of both layouts."""
-    for table in (COMPRESSED_TABLE, TRIGRAM_TABLE, DICTIONARY_TABLE, "code_chunks"):
-        cursor.execute(f"DROP TABLE IF EXISTS {table}")
-
-
 def dictionary(db) -> bytes:
     """The compressed layout's codec dictionary (empty when it has none)."""
     rows = db.fetchall(f"SELECT data FROM {DICTIONARY_TABLE} WHERE id = 1")
@@ -142,100 +129,6 @@ def dictionary(db) -> bytes:
 def set_dictionary(cursor: sqlite3.Cursor, data: bytes) -> None:
     """Replace the codec dictionary: only while the compressed table holds no chunk."""
     cursor.execute(f"UPDATE {DICTIONARY_TABLE} SET data = ? WHERE id = 1", (data,))
-
-
-def encode_chunks(store: Layout, encoder: codec.Encoder | None, chunks: Sequence[Chunk]) -> list[tuple]:
-    """A file's chunks as ``insert_encoded`` stores them.
-
-    This is most of the work of storing a file and touches no database, so it can run on
-    any thread (``encoder``, the compressed layout's, on one thread at a time).
-    """
-    if len(chunks) >= CHUNK_STRIDE:
-        raise ValueError(f"{len(chunks)} chunks do not fit the row ids of one file")
-    if store == "compressed":
-        assert encoder is not None
-        encode = encoder.encode
-        return [(s, e, encode(t), _trigram_text(t)) for s, e, t in chunks]
-    return [(s, e, _searchable(t), t if "\0" in t else None) for s, e, t in chunks]
-
-
-def insert_encoded(cursor: sqlite3.Cursor, store: Layout, file_id: int, encoded: Sequence[tuple]) -> None:
-    """Store a file's encoded chunks under consecutive row ids from ``file_id * CHUNK_STRIDE``."""
-    first = file_id * CHUNK_STRIDE
-    if store == "compressed":
-        insert_rows(cursor, [(first + i, *row) for i, row in enumerate(encoded)])
-    else:
-        cursor.executemany(
-            "INSERT INTO code_chunks (rowid, start_line, end_line, text, exact) "
-            "VALUES (?, ?, ?, ?, ?)",
-            [(first + i, *row) for i, row in enumerate(encoded)],
-        )
-
-
-def encoded_row(
-    encoder: codec.Encoder, rowid: int, start: int, end: int, text: str
-) -> tuple[int, int, int, bytes, str]:
-    """One chunk ready for ``insert_rows``."""
-    return rowid, start, end, encoder.encode(text), _trigram_text(text)
-
-
-def insert_rows(cursor: sqlite3.Cursor, rows: Iterable[tuple[int, int, int, bytes, str]]) -> None:
-    """Store rows made by ``encoded_rows`` in the compressed layout."""
-    rows = list(rows)
-    cursor.executemany(
-        f"INSERT INTO {COMPRESSED_TABLE} (id, start_line, end_line, body) VALUES (?, ?, ?, ?)",
-        [row[:4] for row in rows],
-    )
-    cursor.executemany(
-        f"INSERT INTO {TRIGRAM_TABLE} (rowid, text) VALUES (?, ?)",
-        [(row[0], row[4]) for row in rows],
-    )
-
-
-def store_chunks(
-    cursor: sqlite3.Cursor, store: Layout, file_id: int, chunks: Sequence[Chunk]
-) -> None:
-    """Store a file's chunks under consecutive row ids from ``file_id * CHUNK_STRIDE``."""
-    encoder = codec.Encoder(dictionary(_handle(cursor))) if store == "compressed" else None
-    insert_encoded(cursor, store, file_id, encode_chunks(store, encoder, chunks))
-
-
-def drop_chunks(cursor: sqlite3.Cursor, store: Layout, file_id: int) -> None:
-    """Delete every chunk of a file."""
-    first, end = file_id * CHUNK_STRIDE, (file_id + 1) * CHUNK_STRIDE
-    if store != "compressed":
-        cursor.execute("DELETE FROM code_chunks WHERE rowid >= ? AND rowid < ?", (first, end))
-        return
-    # The index forgets a row only when handed the very text it was given; the exact
-    # text gives it back.
-    rows = cursor.execute(
-        f"SELECT id, body FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end)
-    ).fetchall()
-    if not rows:
-        return
-    decode = _decoder(_handle(cursor))
-    cursor.executemany(
-        f"INSERT INTO {TRIGRAM_TABLE} ({TRIGRAM_TABLE}, rowid, text) VALUES ('delete', ?, ?)",
-        [(rowid, _trigram_text(decode(body))) for rowid, body in rows],
-    )
-    cursor.execute(f"DELETE FROM {COMPRESSED_TABLE} WHERE id >= ? AND id < ?", (first, end))
-
-
-def set_bulk_load(cursor: sqlite3.Cursor, store: Layout, bulk: bool) -> None:
-    """Pause the trigram index's incremental merges for a bulk load, or resume them.
-
-    Merging once at the end (``optimize``) costs far less than merging all along.
-    """
-    table = fts_table(store)
-    cursor.execute(
-        f"INSERT INTO {table} ({table}, rank) VALUES ('automerge', ?)", (0 if bulk else 4,)
-    )
-
-
-def optimize(cursor: sqlite3.Cursor, store: Layout) -> None:
-    """Merge the trigram index into one b-tree."""
-    table = fts_table(store)
-    cursor.execute(f"INSERT INTO {table} ({table}) VALUES ('optimize')")
 
 
 # -- reader side ----------------------------------------------------------------------
@@ -292,17 +185,6 @@ def pair_terms(db, pair: str) -> list[str]:
     return [term for (term,) in rows]
 
 
-def matching_ids(db, match: str, store: Layout = "compressed") -> set[int]:
-    """The row ids of the chunks that a full-text ``match`` expression selects.
-
-    Any FTS5 query of the layout's table (``fts_table``) goes; the file of a row id is
-    ``rowid // CHUNK_STRIDE``.  The compressed layout keeps no positions: a phrase of
-    more than one trigram is refused there (``trigram_query`` gives an AND instead).
-    """
-    table = fts_table(store)
-    return {row[0] for row in _stepped(db, f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))}
-
-
 def matching_rows(
     db, match: str | None, ids: Collection[int]
 ) -> Iterator[tuple[int, int, int, str, bool]]:
@@ -314,9 +196,11 @@ def matching_rows(
     ``trigram_query`` explains), and maybe more.  The rows are read as they are taken: one
     chunk's text is held at a time.
     """
+    if not ids:
+        return iter(())  # a search that reads its candidates itself hands over no file
     if match is None:
         return _whole_files(db, ids)
-    decode = _decoder(db)
+    decode = decoder(db).decode
     rows = _stepped(
         db,
         f"SELECT c.id, c.start_line, c.end_line, c.body, {_LAST_FLAG} "
@@ -355,7 +239,7 @@ def _whole_files(db, ids: Collection[int]) -> Iterator[tuple[int, int, int, str,
                 (first * CHUNK_STRIDE, (last + 1) * CHUNK_STRIDE),
             )
         )
-    decode = _decoder(db)
+    decode = decoder(db).decode
     held = next(rows, None)
     while held is not None:
         after = next(rows, None)
@@ -377,7 +261,7 @@ def _runs(ids: list[int]) -> list[tuple[int, int]]:
 
 def file_rows(db, first: int, end: int) -> list[tuple[int, int, str]]:
     """A file's chunks with row ids in [first, end), as (start_line, end_line, text)."""
-    decode = _decoder(db)
+    decode = decoder(db).decode
     return [
         (start, stop, decode(body))
         for start, stop, body in _stepped(
@@ -396,7 +280,8 @@ def _stepped(db, sql: str, parameters: tuple = ()) -> Iterator[Any]:
     return rows(sql, parameters) if rows is not None else iter(db.fetchall(sql, parameters))
 
 
-def _searchable(text: str) -> str:
+def searchable(text: str) -> str:
+    """A chunk's text as the trigram tokenizer can read all of it."""
     return text.replace("\0", " ")
 
 
@@ -405,44 +290,25 @@ def _searchable(text: str) -> str:
 _SPACE_RUN = re.compile("    +")
 
 
-def _trigram_text(text: str) -> str:
-    # A line feed after the last line gives its last two characters a trigram of their own,
-    # so that every pair of characters a chunk holds begins one of its trigrams
-    # (``pair_terms``). An index written before that is handed the same text to forget a
-    # row: the one trigram more is nothing to the index.
-    return _SPACE_RUN.sub("   ", _searchable(text)) + "\n"
+def trigram_text(text: str) -> str:
+    """The text the compressed layout's trigram index is handed for a chunk's text.
 
-
-def _decoder(db) -> Any:
-    """The function that turns a chunk body of ``db`` back into its text."""
-    return _codec(db).decode
-
-
-def _codec(db) -> codec.Decoder:
-    """The decoder of ``db``'s chunk bodies.
-
-    Kept on the database handle: making one loads the dictionary, and a handle's
-    dictionary does not change while it is open for reading.
+    A line feed after the last line gives its last two characters a trigram of their own,
+    so that every pair of characters a chunk holds begins one of its trigrams
+    (``pair_terms``). An index written before that is handed the same text to forget a
+    row: the one trigram more is nothing to the index.
     """
-    decoder = getattr(db, "_chunk_codec", None)
-    if decoder is None:
-        decoder = codec.Decoder(dictionary(db))
-        try:
-            db._chunk_codec = decoder
-        except (AttributeError, TypeError):
-            pass
-    return decoder
+    return _SPACE_RUN.sub("   ", searchable(text)) + "\n"
 
 
-def _handle(cursor: sqlite3.Cursor) -> Any:
-    # The reader functions' view of a writer's cursor: its connection, whose statements
-    # see the cursor's uncommitted writes.
-    return _CursorHandle(cursor.connection)
+# Each open index's decoder: making one loads the dictionary, and an index's dictionary does
+# not change while it is open for reading.
+_DECODERS: WeakKeyDictionary[Any, codec.Decoder] = WeakKeyDictionary()
 
 
-class _CursorHandle:
-    def __init__(self, connection: sqlite3.Connection) -> None:
-        self.connection = connection
-
-    def fetchall(self, sql: str, parameters: Sequence[Any] = ()) -> list[Any]:
-        return self.connection.execute(sql, parameters).fetchall()
+def decoder(db) -> codec.Decoder:
+    """The decoder of ``db``'s chunk bodies, made once per database handle."""
+    found = _DECODERS.get(db)
+    if found is None:
+        found = _DECODERS[db] = codec.Decoder(dictionary(db))
+    return found

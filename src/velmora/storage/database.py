@@ -5,8 +5,12 @@ from __future__ import annotations
 import sqlite3
 from collections.abc import Iterator
 from contextlib import contextmanager
+from functools import cached_property
 from pathlib import Path
-from typing import Any, Sequence
+from typing import TYPE_CHECKING, Any, Sequence
+
+if TYPE_CHECKING:
+    from velmora.storage.layouts import ChunkLayout
 
 # How long a connection waits for another's lock.  A reader of an index in WAL mode meets
 # one only while a writer holds the whole file (exclusive locking mode).
@@ -19,6 +23,14 @@ class Database:
     def __init__(self, db_path: str | Path) -> None:
         self.db_path = Path(db_path)
         self.connection = sqlite3.connect(self.db_path, timeout=BUSY_SECONDS)
+
+    @cached_property
+    def layout(self) -> ChunkLayout | None:
+        """The layout of the index's chunks, found when first asked for; None when it has no
+        table of the files' text. A pass that converts the index sets the new one."""
+        from velmora.storage import layouts
+
+        return layouts.of_index(self)
 
     def read_only(self) -> None:
         """Refuse writes on this connection: a search only reads.

@@ -20,7 +20,7 @@ import sqlite3
 from pathlib import Path
 
 from velmora.storage.database import Database, is_busy
-from velmora.storage import chunk_store
+from velmora.storage.layouts import ChunkLayout
 
 # 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
 # positions, files.inode, and the skipped table.  4.1: files.chunks.  4.2: indexed texts
@@ -66,7 +66,7 @@ def index_path(root: Path) -> Path:
     return root / INDEX_DIR / INDEX_NAME
 
 
-def create(db: Database, store: chunk_store.Layout) -> None:
+def create(db: Database, layout: ChunkLayout) -> None:
     """Lay out a new, empty index."""
     # Lets a bulk load hand back the pages its final merge freed (``reclaim``); only takes
     # effect before the first table is made.
@@ -76,9 +76,10 @@ def create(db: Database, store: chunk_store.Layout) -> None:
         cursor.execute(FILES_DDL)
         cursor.execute(CHUNKS_INDEX_DDL)
         cursor.execute(SKIPPED_DDL)
-        chunk_store.create_tables(cursor, store)
+        layout.create_tables(cursor)
         set_meta(cursor, "schema_version", SCHEMA_VERSION)
         set_meta(cursor, PAIR_MARK, "1")
+    db.layout = layout
 
 
 def open_index(path: Path, progress: bool = True) -> Database:
