@@ -54,14 +54,6 @@ def test_matching_rows_finds_every_chunk_a_search_would_match(texts, ignore_case
     assert found >= {file_id for file_id, text in enumerate(texts, 1) if needle in fold(text)}
 
 
-def test_a_long_needle_is_looked_up_by_a_bounded_query():
-    needle = "".join(chr(0x4E00 + i % 5000) for i in range(1 << 20))
-    query = chunk_store.trigram_query(needle)
-    assert query.count(" AND ") == chunk_store.MAX_TRIGRAMS - 1
-    db = chunk_db([needle[:1000], needle[:2000]])
-    assert layouts.COMPRESSED.matching_ids(db, chunk_store.trigram_query(needle[:1500])) == {2 * STRIDE}
-
-
 def make_repo(root: Path, files: dict[str, str]) -> Path:
     root.mkdir(exist_ok=True)
     for path, text in files.items():

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import re
 import sqlite3
+import random
 import subprocess
+import sys
 import textwrap
 from functools import partial
 from pathlib import Path
@@ -15,7 +17,8 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 from velmora.index import build as indexer
-from velmora.query import plan as regex_plan
+from velmora.query import trigrams
+from velmora.query.plan import plan
 from velmora.search import chunk_scan
 from velmora.storage import schema
 from velmora.query.pattern import Query
@@ -74,28 +77,27 @@ def index(request):
 
 def check_plan(index, query: Query, lines: list[str]) -> None:
     connection, layout, table = index
-    plan = regex_plan.pattern_plan(query.pattern) if query.pattern else regex_plan.needle_plan(
-        query.needle, query.case_sensitive
-    )
+    planned = plan(query)
     text = "\n".join(lines)
     first = next((i for i, line in enumerate(lines) if line_match(query, line) >= 0), -1)
-    finder = chunk_scan.first_line_finder(query.needle, query.pattern, query.case_sensitive)
+    finder = chunk_scan.first_line_finder(query, planned)
     if finder is not None and first >= 0:
         # A chunk with a matching line is kept, and the lines skipped never match.
         assert 0 <= finder(text) <= first
     pair = query.needle is not None and layout == "compressed"  # looked up once stored
-    if (plan is None and not pair) or first < 0:
+    match = planned.trigram_query
+    if (match is None and not pair) or first < 0:
         return
     cursor = connection.cursor()
     cursor.execute("SAVEPOINT t")
     layouts.named(layout).store_chunks(cursor, 1, [(1, len(lines), text)])
     try:
-        if plan is None:
+        if match is None:
             terms = partial(chunk_store.pair_terms, SimpleNamespace(connection=connection))
-            if (plan := regex_plan.pair_plan(query.needle, query.case_sensitive, terms)) is None:
+            if (match := trigrams.pair_query(query.needle, query.case_sensitive, terms)) is None:
                 return
-        rows = cursor.execute(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (plan,)).fetchall()
-        assert rows, (plan, lines)
+        rows = cursor.execute(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,)).fetchall()
+        assert rows, (match, lines)
     finally:
         cursor.execute("ROLLBACK TO t")
 
@@ -109,14 +111,43 @@ def test_a_regex_plan_keeps_every_matching_text(index, lines, regex, ignore_case
 
 
 @SETTINGS
-@given(lines=LINES, data=st.data(), ignore_case=st.booleans())
-def test_a_needle_plan_keeps_every_matching_text(index, lines, data, ignore_case):
-    # Needles cut from the lines as they are searched, so that most of them match.
+@given(lines=LINES, data=st.data(), ignore_case=st.booleans(), repeats=st.sampled_from([1, 12]))
+def test_a_needle_plan_keeps_every_matching_text(index, lines, data, ignore_case, repeats):
+    # Needles cut from the lines as they are searched, so that most of them match; repeated
+    # lines give needles long enough to be read at a spread of their places.
+    lines = [line * repeats for line in lines]
     line = data.draw(st.sampled_from(lines))
     line = line.lower() if ignore_case else line
-    start = data.draw(st.integers(0, len(line)))
-    needle = line[start : start + data.draw(st.integers(0, 6))]
+    start = data.draw(st.integers(0, len(line) // repeats))
+    needle = line[start : start + data.draw(st.integers(0, 6 * repeats))]
     check_plan(index, Query(needle, None, not ignore_case), lines)
+
+
+LONG_SEARCH = """
+import resource, sys
+# A guard, far above what a search in one pass takes: planning in time quadratic in the
+# needle's length would take hours here.
+resource.setrlimit(resource.RLIMIT_CPU, (120, 120))
+from velmora.api import Repository
+from velmora.query.pattern import Query
+with Repository.open(sys.argv[1]) as repo:
+    results, _ = repo.search(Query.parse(sys.stdin.read(), fixed=True, ignore_case=True))
+    print([(path, [hit.line for hit in hits]) for path, hits in results])
+"""
+
+
+def test_a_megabyte_needle_that_ignores_case_is_searched(tmp_path):
+    # Letters whose lower case is ASCII or two characters break the needle into many runs.
+    rng = random.Random(7)
+    text = "".join(rng.choice("abikKsS \u0130\u212a\u00e9") for _ in range(1 << 20))
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "a.txt").write_text(f"x\n{text}\ny\n", encoding="utf-8")
+    (tmp_path / "b.txt").write_text(text[: 1 << 19] + "!" + text[1 << 19 :], encoding="utf-8")
+    found = subprocess.run(
+        [sys.executable, "-c", LONG_SEARCH, str(tmp_path)], input=text.lower(),
+        capture_output=True, text=True, encoding="utf-8",
+    )
+    assert (found.returncode, found.stdout) == (0, "[('a.txt', [2])]\n"), found.stderr[-500:]
 
 
 # -- the whole search against a plain scan of a real tree --------------------------------------

@@ -1,121 +1,81 @@
-"""The trigrams a line must hold to match a query, as a full-text query for the trigram index.
-
-A regex is read from the parse tree of Python's own ``re``. Each piece of it is summed up as
-(exact, prefix, suffix, match): the set of every string the piece can match when that set is
-small, else the strings every match starts and ends with, and a query over trigrams that every
-text holding a match satisfies. Pieces are joined by concatenation and alternation, and the sets
-are folded into the query whenever they grow too large, so the plan stays small. The plan may
-let through texts that hold no match; it never rejects one that does.
-"""
+"""How a query is searched: one walk of its regex's parse tree gives the trigrams a text must
+hold, the widened pattern that skips text fast, and whether a match sees past its line."""
 
 from __future__ import annotations
 
 import re
 from collections.abc import Callable
-from typing import NamedTuple, Union
+from itertools import groupby
+from typing import NamedTuple
 
-# A query over trigrams: None holds for every text; a str is one trigram the text must hold;
-# ("and" | "or", parts) joins queries.
-TrigramQuery = Union[None, str, tuple[str, frozenset]]
-
-# Strings in an exact, prefix or suffix set before the set is folded into the query.
-_MAX_STRINGS = 16
-# Trigrams taken from one literal: enough to be selective, few enough to look up quickly.
-_MAX_TRIGRAMS = 12
-# Trigrams in a whole plan; beyond it alternatives are dropped (which only widens the plan).
-_MAX_PLAN = 64
-
-# ASCII letters that re.IGNORECASE matches with a character beyond ASCII (KELVIN SIGN, DOTTED
-# and DOTLESS I, LONG S), which the index's ASCII case folding does not cover.
-_UNFOLDED = frozenset("iksIKS")
+from velmora.query import prefilter, trigrams
+from velmora.query.pattern import Query
 
 
-class _Piece(NamedTuple):
-    exact: frozenset[str] | None  # every string the piece matches, when known and few
-    prefix: frozenset[str]  # when not exact: every match starts with one of these
-    suffix: frozenset[str]  # when not exact: every match ends with one of these
-    match: TrigramQuery  # holds for every text that holds a match
+class Plan(NamedTuple):
+    trigram_query: str | None  # the full-text query of the chunks to read; None: every chunk
+    widened: str | None  # an RE2 pattern that matches wherever the regex can; None: none made
+    line_bound: bool  # whether a match in a line alone is one in a text of lines, and back
 
 
-_UNKNOWN = _Piece(None, frozenset([""]), frozenset([""]), None)
-_EMPTY = _Piece(frozenset([""]), frozenset(), frozenset(), None)
-
-
-def needle_plan(needle: str, case_sensitive: bool) -> str | None:
-    """The full-text query for a plain search (``needle`` lower-cased when case is ignored);
-    None when the index cannot narrow it."""
-    piece = _EMPTY
-    for at, char in enumerate(needle):
-        if case_sensitive:
-            piece = _concat(piece, _char(char, False))
-        else:
-            piece = _concat(piece, _lowered_char(char, needle[at + 1 : at + 2]))
-    return _fts(_bounded(_final(piece)))
-
-
-def pair_plan(needle: str, case_sensitive: bool, terms: Callable[[str], list[str]]) -> str | None:
-    """The full-text query for a plain search of two characters, from ``terms``, the
-    index's trigrams that begin with a given pair; None when it cannot narrow: a needle
-    beyond ASCII (the index folds case by rules of its own), or one that ignores case and
-    has a letter that some other letter lower-cases to."""
-    if len(needle) != 2 or not needle.isascii() or "\0" in needle:
-        return None
-    if not case_sensitive and not _UNFOLDED.isdisjoint(needle):
-        return None
-    found = terms(needle.lower())
-    if len(found) > _MAX_PAIR_TERMS:
-        return None
-    return " OR ".join(map(_quoted, found)) if found else _NOTHING
-
-
-_MAX_PAIR_TERMS = 256
-# A query no chunk answers: no chunk holds the pair.
-_NOTHING = '"aaa" NOT "aaa"'
-
-
-# Characters that lower-case to a letter but are neither its upper nor its title case.
-_LOWERED_FROM = {"k": "\u212a", "\u03b8": "\u03f4", "\u00df": "\u1e9e", "\u03c9": "\u2126", "\u00e5": "\u212b"}
-
-
-def _lowered_char(char: str, following: str) -> _Piece:
-    """A character of a lower-cased needle, as the characters of a line that lower-case to it."""
-    if char == "\u0307" or (char == "i" and following in ("", "\u0307")):
-        return _UNKNOWN  # may come from U+0130, which lower-cases to "i" and this dot
-    variants = {char, *_LOWERED_FROM.get(char, "")}
-    if not char.isascii():  # the index folds ASCII letters itself
-        variants.update(other for other in (char.upper(), char.title()) if len(other) == 1)
-    return _alternatives([_char(variant, False) for variant in sorted(variants)])
-
-
-def pattern_plan(pattern: re.Pattern[str]) -> str | None:
-    """The full-text query for a regex search; None when the index cannot narrow it."""
+def plan(query: Query) -> Plan:
+    """The plan of a search for ``query``."""
+    if query.pattern is None:
+        assert query.needle is not None
+        return Plan(trigrams.needle_query(query.needle, query.case_sensitive), None, True)
+    # re's own parser: only it knows what the pattern means, and it has no public tree.
     from re import _parser  # type: ignore[attr-defined]
 
-    tree = _parser.parse(pattern.pattern, pattern.flags)
-    return _fts(_bounded(_final(_sequence(tree, tree.state.flags))))
+    try:
+        tree = _parser.parse(query.pattern.pattern, query.pattern.flags)
+        summary = _sequence(tree, tree.state.flags)
+    except (re.error, OverflowError, RecursionError):
+        return Plan(None, None, False)
+    return Plan(trigrams.query(summary.piece), summary.widened, summary.line_bound)
 
 
-# -- the parse tree -------------------------------------------------------------------------
+class _Summary(NamedTuple):
+    """What the walk knows of a node of the tree, or of a sequence of nodes."""
+
+    piece: trigrams.Piece
+    widened: str | None
+    line_bound: bool
 
 
-def _sequence(items, flags: int) -> _Piece:
-    piece = _EMPTY
-    for op, arg in items:
-        piece = _concat(piece, _node(str(op), arg, flags))
-    return piece
+def _sequence(items, flags: int) -> _Summary:
+    fold = bool(flags & re.IGNORECASE)
+    piece, line_bound = trigrams.EMPTY, True
+    widened: str | None = ""
+    # A run of literals is planned as one: a long literal is a long run of nodes.
+    for is_literal, nodes in groupby(items, key=lambda node: str(node[0]) == "LITERAL"):
+        if is_literal:
+            parts = [_literals([code for _, code in nodes], fold)]
+        else:
+            parts = [_node(str(op), arg, flags) for op, arg in nodes]
+        for part in parts:
+            piece = trigrams.concat(piece, part.piece)
+            widened = None if widened is None or part.widened is None else widened + part.widened
+            line_bound = line_bound and part.line_bound
+    return _Summary(piece, widened, line_bound)
 
 
-def _node(op: str, arg, flags: int) -> _Piece:
-    ignore_case = bool(flags & re.IGNORECASE)
-    if op == "LITERAL":
-        return _char(chr(arg), ignore_case)
+def _literals(codes: list[int], fold: bool) -> _Summary:
+    distinct = set(codes)
+    variants = {code: trigrams.regex_char(chr(code), fold) for code in distinct}
+    pieces = {code: _widened(prefilter.literal, code, fold) for code in distinct}
+    widened = None if None in pieces.values() else "".join([pieces[code] for code in codes])  # type: ignore[misc]
+    return _Summary(trigrams.literal([variants[code] for code in codes]), widened, True)
+
+
+def _node(op: str, arg, flags: int) -> _Summary:
+    fold = bool(flags & re.IGNORECASE)
     if op == "IN":
-        return _char_class(arg, ignore_case)
+        return _Summary(trigrams.char_class(arg, fold), _widened(prefilter.char_class, arg, fold), True)
     if op == "SUBPATTERN":
         _group, add_flags, del_flags, items = arg
-        return _sequence(items, (flags | add_flags) & ~del_flags)
+        return _grouped(_sequence(items, (flags | add_flags) & ~del_flags))
     if op == "ATOMIC_GROUP":
-        return _sequence(arg, flags)
+        return _grouped(_sequence(arg, flags))
     if op == "BRANCH":
         return _alternatives([_sequence(items, flags) for items in arg[1]])
     if op == "GROUPREF_EXISTS":
@@ -123,204 +83,78 @@ def _node(op: str, arg, flags: int) -> _Piece:
         return _alternatives([_sequence(yes, flags), _sequence(no or [], flags)])
     if op in ("MAX_REPEAT", "MIN_REPEAT", "POSSESSIVE_REPEAT"):
         low, high, items = arg
-        return _repeat(_sequence(items, flags), low, high)
-    if op in ("AT", "ASSERT", "ASSERT_NOT"):
-        return _EMPTY  # zero width: whatever it asserts, the match itself holds nothing
-    return _UNKNOWN  # any other character, a backreference
+        body = _sequence(items, flags)
+        widened = None if body.widened is None else prefilter.repeat(body.widened, low, high)
+        return _Summary(trigrams.repeat(body.piece, low, high), widened, body.line_bound)
+    # Zero width: whatever it asserts, the match itself holds nothing.
+    if op == "AT":
+        return _Summary(trigrams.EMPTY, prefilter.ZERO_WIDTH, str(arg) in _LINE_ANCHORS)
+    if op in ("ASSERT", "ASSERT_NOT"):
+        return _Summary(trigrams.EMPTY, prefilter.ZERO_WIDTH, _one_char_but_newline(arg[1]))
+    # Any other character, a back-reference.
+    if op == "ANY":
+        return _Summary(trigrams.UNKNOWN, prefilter.ANY, True)
+    if op == "NOT_LITERAL":
+        return _Summary(trigrams.UNKNOWN, _widened(prefilter.not_literal, arg, fold), True)
+    if op == "GROUPREF":
+        return _Summary(trigrams.UNKNOWN, prefilter.BACKREFERENCE, True)
+    return _Summary(trigrams.UNKNOWN, None, True)
 
 
-def _char(char: str, ignore_case: bool) -> _Piece:
-    """A character of a regex (or of a needle that keeps its case)."""
-    if ignore_case:
-        if char.isascii():
-            if char in _UNFOLDED:
-                return _UNKNOWN
-            char = char.lower()  # the index folds ASCII case itself
-        elif not char.lower() == char.upper() == char:
-            # A cased letter beyond ASCII: re's case rules reach further than its cases.
-            return _UNKNOWN
-    # The index holds a NUL as a space.
-    return _Piece(frozenset([" " if char == "\0" else char]), frozenset(), frozenset(), None)
+def _grouped(body: _Summary) -> _Summary:
+    return body._replace(widened=None if body.widened is None else prefilter.group(body.widened))
 
 
-def _char_class(items, ignore_case: bool) -> _Piece:
-    chars: set[str] = set()
-    for op, arg in items:
+def _alternatives(branches: list[_Summary]) -> _Summary:
+    sources = [branch.widened for branch in branches]
+    return _Summary(
+        trigrams.alternatives([branch.piece for branch in branches]),
+        None if None in sources else prefilter.alternation(sources),  # type: ignore[arg-type]
+        all(branch.line_bound for branch in branches),
+    )
+
+
+def _widened(make: Callable[..., str], *args) -> str | None:
+    try:
+        return make(*args)
+    except prefilter.Unsupported:
+        return None
+
+
+# -- whether a match sees past its line -------------------------------------------------------
+
+# Anchors that hold at a line's ends in a text of lines (read with re.MULTILINE) wherever they
+# hold in the line alone; \A and \Z do not, nor do lookarounds, which see the lines around.
+_LINE_ANCHORS = {
+    "AT_BEGINNING", "AT_BEGINNING_LINE", "AT_END", "AT_END_LINE", "AT_BOUNDARY", "AT_NON_BOUNDARY"
+}
+# Character categories that hold a line feed, and those that do not.
+_NEWLINE_CATEGORIES = {"CATEGORY_SPACE", "CATEGORY_NOT_DIGIT", "CATEGORY_NOT_WORD", "CATEGORY_LINEBREAK"}
+_OTHER_CATEGORIES = {"CATEGORY_DIGIT", "CATEGORY_WORD", "CATEGORY_NOT_SPACE", "CATEGORY_NOT_LINEBREAK"}
+
+
+def _one_char_but_newline(items) -> bool:
+    """Whether a lookaround's body is one character that is never a line feed (as in
+    ``(?<!\\w)``: it sees the LF beyond a line's end as it sees nothing beyond the line)."""
+    if len(items) != 1:
+        return False
+    op, arg = items[0]
+    op = str(op)
+    if op == "LITERAL":
+        return arg != 10
+    if op != "IN":
+        return False
+    holds, negated = False, False
+    for op, item in arg:
         op = str(op)
-        if op == "LITERAL":
-            chars.add(chr(arg))
-        elif op == "RANGE" and arg[1] - arg[0] < _MAX_STRINGS:
-            chars.update(map(chr, range(arg[0], arg[1] + 1)))
-        else:  # a negation, a category, a wide range
-            return _UNKNOWN
-    if not chars or len(chars) > _MAX_STRINGS:
-        return _UNKNOWN
-    return _alternatives([_char(char, ignore_case) for char in sorted(chars)])
-
-
-def _repeat(piece: _Piece, low: int, high: int) -> _Piece:
-    if low == 0:
-        return _alternatives([_EMPTY, _repeat(piece, 1, high)])
-    if low == high and low <= 4:
-        repeated = piece
-        for _ in range(low - 1):
-            repeated = _concat(repeated, piece)
-        return repeated
-    # One or more: every match starts with, ends with and holds a match of the piece.
-    return _inexact(piece)
-
-
-# -- joining pieces ------------------------------------------------------------------------
-
-
-def _concat(first: _Piece, second: _Piece) -> _Piece:
-    match = _and(first.match, second.match)
-    if first.exact is not None and second.exact is not None:
-        joined = _joined(first.exact, second.exact)
-        if joined is not None:
-            return _Piece(joined, frozenset(), frozenset(), match)
-    head, tail = _inexact(first), _inexact(second)
-    match = _and(match, _and(head.match, tail.match))
-    across = _joined(head.suffix, tail.prefix)
-    if across is not None:
-        match = _and(match, _strings_query(across))
-    prefix = head.prefix
-    if first.exact is not None:
-        prefix = _joined(first.exact, tail.prefix) or frozenset([""])
-    suffix = tail.suffix
-    if second.exact is not None:
-        suffix = _joined(head.suffix, second.exact) or frozenset([""])
-    return _trimmed(_Piece(None, prefix, suffix, match))
-
-
-def _alternatives(pieces: list[_Piece]) -> _Piece:
-    if all(piece.exact is not None for piece in pieces):
-        union = frozenset().union(*(piece.exact for piece in pieces))  # type: ignore[arg-type]
-        if len(union) <= _MAX_STRINGS:
-            match = pieces[0].match
-            for piece in pieces[1:]:
-                match = _or(match, piece.match)
-            return _Piece(union, frozenset(), frozenset(), match)
-    inexact = [_inexact(piece) for piece in pieces]
-    match = inexact[0].match
-    for piece in inexact[1:]:
-        match = _or(match, piece.match)
-    prefix = frozenset().union(*(piece.prefix for piece in inexact))
-    suffix = frozenset().union(*(piece.suffix for piece in inexact))
-    return _trimmed(_Piece(None, prefix, suffix, match))
-
-
-def _inexact(piece: _Piece) -> _Piece:
-    """The piece without its exact set: the set goes into the query, prefix and suffix."""
-    if piece.exact is None:
-        return piece
-    match = _and(piece.match, _strings_query(piece.exact))
-    return _trimmed(_Piece(None, piece.exact, piece.exact, match))
-
-
-def _trimmed(piece: _Piece) -> _Piece:
-    # Only a prefix's first two and a suffix's last two characters can form a trigram with
-    # a neighbour; the trigrams inside them go into the query first.
-    match = _and(piece.match, _and(_strings_query(piece.prefix), _strings_query(piece.suffix)))
-    prefix = frozenset(text[:2] for text in piece.prefix)
-    suffix = frozenset(text[-2:] for text in piece.suffix)
-    if len(prefix) > _MAX_STRINGS:
-        prefix = frozenset([""])
-    if len(suffix) > _MAX_STRINGS:
-        suffix = frozenset([""])
-    return _Piece(None, prefix, suffix, match)
-
-
-def _joined(heads: frozenset[str], tails: frozenset[str]) -> frozenset[str] | None:
-    """Every head followed by every tail; None when there would be too many."""
-    if len(heads) * len(tails) > _MAX_STRINGS:
-        return None
-    return frozenset(head + tail for head in heads for tail in tails)
-
-
-def _final(piece: _Piece) -> TrigramQuery:
-    return _inexact(piece).match
-
-
-# -- queries over trigrams ------------------------------------------------------------------
-
-
-def _strings_query(strings: frozenset[str]) -> TrigramQuery:
-    """The text holds one of the strings (nothing is known if one is shorter than three)."""
-    query: TrigramQuery = ("or", frozenset())
-    for text in strings:
-        if len(text) < 3:
-            return None
-        query = _or(query, _trigrams_query(text))
-    return None if query == ("or", frozenset()) else query
-
-
-def _trigrams_query(text: str) -> TrigramQuery:
-    trigrams = sorted({text[i : i + 3] for i in range(len(text) - 2)})
-    if len(trigrams) > _MAX_TRIGRAMS:
-        step = len(trigrams) / _MAX_TRIGRAMS
-        trigrams = [trigrams[int(i * step)] for i in range(_MAX_TRIGRAMS)]
-    query: TrigramQuery = None
-    for trigram in trigrams:
-        query = _and(query, trigram)
-    return query
-
-
-def _and(left: TrigramQuery, right: TrigramQuery) -> TrigramQuery:
-    if left is None:
-        return right
-    if right is None or right == left:
-        return left
-    return ("and", _parts("and", left) | _parts("and", right))
-
-
-def _or(left: TrigramQuery, right: TrigramQuery) -> TrigramQuery:
-    if left is None or right is None:
-        return None
-    if left == right:
-        return left
-    parts = _parts("or", left) | _parts("or", right)
-    return next(iter(parts)) if len(parts) == 1 else ("or", parts)
-
-
-def _parts(kind: str, query: TrigramQuery) -> frozenset:
-    if isinstance(query, tuple) and query[0] == kind:
-        return query[1]
-    return frozenset([query])
-
-
-def _size(query: TrigramQuery) -> int:
-    if query is None:
-        return 0
-    if isinstance(query, str):
-        return 1
-    return sum(_size(part) for part in query[1])
-
-
-def _bounded(query: TrigramQuery) -> TrigramQuery:
-    """The query cut down to at most ``_MAX_PLAN`` trigrams, by dropping terms of an AND
-    (fewer conditions: a wider plan) and giving up on a large OR."""
-    if _size(query) <= _MAX_PLAN:
-        return query
-    if isinstance(query, tuple) and query[0] == "and":
-        kept: TrigramQuery = None
-        for part in sorted(query[1], key=_size):
-            if _size(kept) + _size(part) <= _MAX_PLAN:
-                kept = _and(kept, part)
-        return kept
-    return None
-
-
-def _quoted(text: str) -> str:
-    """A string of the full-text query syntax, every character taken literally."""
-    return '"' + text.replace('"', '""') + '"'
-
-
-def _fts(query: TrigramQuery) -> str | None:
-    if query is None:
-        return None
-    if isinstance(query, str):
-        return _quoted(query)
-    kind, parts = query
-    text = f" {kind.upper()} ".join(sorted(_fts(part) for part in parts))  # type: ignore[misc]
-    return f"({text})"
+        if op == "NEGATE":
+            negated = True
+        elif op == "LITERAL":
+            holds |= item == 10
+        elif op == "RANGE":
+            holds |= item[0] <= 10 <= item[1]
+        elif op == "CATEGORY" and str(item) in _NEWLINE_CATEGORIES:
+            holds = True
+        elif not (op == "CATEGORY" and str(item) in _OTHER_CATEGORIES):
+            return False
+    return holds == negated

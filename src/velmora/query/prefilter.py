@@ -8,15 +8,14 @@ translated but widened: every construct becomes one that matches at least what i
 non-ASCII character too). Wherever the Python pattern matches a substring of a line, the
 widened one matches that substring, so its leftmost match in a text never starts after the
 Python pattern's first match in any of the text's lines. Python's ``re`` stays the judge of
-what matches: the widened pattern only says where it cannot.
+what matches: the widened pattern only says where it cannot. Its pieces are made here, node
+by node, as the planner (``query.plan``) walks the pattern's parse tree.
 """
 
 from __future__ import annotations
 
 import re
 from collections.abc import Callable
-
-import re2  # type: ignore[import-untyped]
 
 # The first byte offset in a UTF-8 text at which the widened pattern matches, or -1.
 Search = Callable[[bytes], int]
@@ -26,88 +25,82 @@ _SURROGATES = range(0xD800, 0xE000)  # never in decoded text, and RE2 refuses th
 _MAX_COUNT = 1000  # RE2's largest repeat count
 
 
-def widened_search(pattern: re.Pattern[str]) -> Search | None:
-    """The search of the widened pattern, or None where no such pattern is made (a negated
-    class that ignores case, or a pattern too large for RE2)."""
-    from re import _parser  # type: ignore[attr-defined]
+class Unsupported(Exception):
+    """A construct the widening does not cover."""
 
+
+def widened_search(source: str) -> Search | None:
+    """The search of a widened pattern, or None where RE2 refuses it (too large, say)."""
+    # Imported here: RE2 costs a plain search a fifth of its start-up.
+    import re2  # type: ignore[import-untyped]
+
+    options = re2.Options()
+    options.max_mem = 64 << 20
+    options.never_capture = True
+    options.log_errors = False  # a pattern RE2 refuses is not an error of the search
     try:
-        tree = _parser.parse(pattern.pattern, pattern.flags)
-        source = _items(tree, bool(pattern.flags & re.IGNORECASE))
-        options = re2.Options()
-        options.max_mem = 64 << 20
-        options.never_capture = True
-        options.log_errors = False  # a pattern RE2 refuses is not an error of the search
         # On bytes: a str would be encoded, and its offsets mapped back, at every call.
         compiled = re2.compile(source.encode(), options)
-    except (_Unsupported, re.error, re2.error, OverflowError, RecursionError):
+    except (re2.error, OverflowError):
         return None
-    # The compiled pattern's own matcher (the package pins its version): the wrapper's
-    # search makes a generator and a match object per call, costing as much as a chunk's scan.
+    return _first_match_offset(compiled, re2)
+
+
+def _first_match_offset(compiled, re2) -> Search:
+    # Below the package's public search (its version is pinned): that search makes a
+    # generator and a match object per call, which cost as much as a chunk's scan.
     match, unanchored = compiled._regexp.Match, re2._Anchor.UNANCHORED
     return lambda text: match(unanchored, text, 0, len(text))[0][0]
 
 
-class _Unsupported(Exception):
-    """A construct the widening does not cover."""
+# -- pieces of the widened pattern, one per node of the regex's parse tree ----------------
+# ``fold``: case is ignored there. RE2's folding takes every case variant of a letter that
+# ``re.IGNORECASE`` takes (checked over all of Unicode), except among the four of
+# ``_DOTTED_I``, which Python takes as one set.
 
-
-def _items(items, fold: bool) -> str:
-    """``fold``: case is ignored here. RE2's folding takes every case variant of a letter
-    that ``re.IGNORECASE`` takes (checked over all of Unicode), except among these four,
-    which Python takes as one set."""
-    return "".join(_item(str(op), arg, fold) for op, arg in items)
-
+ANY = "(?s:.)"
+ZERO_WIDTH = ""  # an assertion holds somewhere: widened to hold everywhere
+BACKREFERENCE = "(?s:.)*"  # the group's text, whatever it was
 
 _DOTTED_I = frozenset((0x49, 0x69, 0x130, 0x131))
 
 
-def _item(op: str, arg, fold: bool) -> str:
-    if op == "LITERAL":
-        if fold:
-            return _class([(op, arg)], fold)
-        return _char(arg)
-    if op == "NOT_LITERAL" and not fold:
-        return f"[^{_char(arg)}]"
-    if op == "ANY":
-        return "(?s:.)"
-    if op == "IN":
-        return _class(arg, fold)
-    if op in ("AT", "ASSERT", "ASSERT_NOT"):
-        return ""  # holds somewhere: widened to hold everywhere
-    if op == "SUBPATTERN":
-        _group, add_flags, del_flags, body = arg
-        fold = bool(add_flags & re.IGNORECASE) or (fold and not del_flags & re.IGNORECASE)
-        return f"(?:{_items(body, fold)})"
-    if op == "ATOMIC_GROUP":
-        return f"(?:{_items(arg, fold)})"
-    if op == "BRANCH":
-        return "(?:" + "|".join(_items(branch, fold) for branch in arg[1]) + ")"
-    if op in ("MAX_REPEAT", "MIN_REPEAT", "POSSESSIVE_REPEAT"):
-        low, high, body = arg
-        low = min(low, _MAX_COUNT)
-        high = "" if high > _MAX_COUNT else str(high)
-        return f"(?:{_items(body, fold)}){{{low},{high}}}"
-    if op == "GROUPREF":
-        return "(?s:.)*"  # the group's text, whatever it was
-    if op == "GROUPREF_EXISTS":
-        _group, yes, no = arg
-        return f"(?:{_items(yes, fold)}|{_items(no or [], fold)})"
-    raise _Unsupported(op)
+def literal(code: int, fold: bool) -> str:
+    return char_class([("LITERAL", code)], fold) if fold else _char(code)
+
+
+def not_literal(code: int, fold: bool) -> str:
+    if fold:
+        raise Unsupported("a negated class that ignores case")
+    return f"[^{_char(code)}]"
+
+
+def group(source: str) -> str:
+    return f"(?:{source})"
+
+
+def alternation(sources: list[str]) -> str:
+    return group("|".join(sources))
+
+
+def repeat(source: str, low: int, high: int) -> str:
+    low = min(low, _MAX_COUNT)
+    upper = "" if high > _MAX_COUNT else str(high)
+    return f"(?:{source}){{{low},{upper}}}"
 
 
 def _char(code: int) -> str:
     if code in _SURROGATES:
-        raise _Unsupported("surrogate")
+        raise Unsupported("surrogate")
     return rf"\x{{{code:x}}}"
 
 
-def _class(items, fold: bool) -> str:
+def char_class(items, fold: bool) -> str:
     """A set holding at least the class's characters (in every case, with ``fold``). Within
     a negated class each item is narrowed instead, so that its complement widens."""
     negated = bool(items) and str(items[0][0]) == "NEGATE"
     if negated and fold:
-        raise _Unsupported("a negated class that ignores case")
+        raise Unsupported("a negated class that ignores case")
     parts = []
     codes: set[int] = set()  # the members that matter to the folding
     for op, arg in items[1:] if negated else items:
@@ -125,7 +118,7 @@ def _class(items, fold: bool) -> str:
         elif op == "CATEGORY":
             parts.append(_category(str(arg), narrowed=negated))
         else:
-            raise _Unsupported(op)
+            raise Unsupported(op)
     if fold and codes & _DOTTED_I:
         parts += map(_char, sorted(_DOTTED_I))
     return ("[^" if negated else "(?i:[" if fold else "[") + "".join(parts) + ("])" if fold else "]")

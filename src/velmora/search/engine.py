@@ -7,7 +7,9 @@ from itertools import islice
 from pathlib import Path
 from typing import TYPE_CHECKING, NamedTuple, TypeAlias
 
+from velmora.query import trigrams
 from velmora.query.pattern import Query
+from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
 from velmora.storage import code_text, layouts
 from velmora.storage.database import Database
@@ -128,6 +130,7 @@ def _segmented(
     """The source of whole files, the files that may match with their segments, and why the
     files are read from disk."""
     layout = db.layout
+    planned = plan(query)
     source: TextSource
     source, reason = layouts.text_source(db, root, query.needle, query.case_sensitive)
     on_disk: Collection[int] = frozenset()
@@ -147,11 +150,12 @@ def _segmented(
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
-            db, layout, files, _plan(db, layout, query), on_disk, with_last=with_last, holding=held
+            db, layout, files, _trigram_query(db, layout, query, planned), on_disk,
+            with_last=with_last, holding=held,
         )
     else:
         texts = ((row, []) for row in files)
-    first_line = chunk_scan.first_line_finder(query.needle, query.pattern, query.case_sensitive)
+    first_line = chunk_scan.first_line_finder(query, planned)
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     line_matches = code_text.line_matches
 
@@ -174,18 +178,13 @@ def _segmented(
     return source, per_file(), reason
 
 
-def _plan(db: Database, layout: ChunkLayout, query: Query) -> str | None:
-    from velmora.query import plan as regex_plan
-
-    if query.pattern is not None:
-        return regex_plan.pattern_plan(query.pattern)
-    assert query.needle is not None
-    plan = regex_plan.needle_plan(query.needle, query.case_sensitive)
-    if plan is None:
-        terms = layout.pair_terms(db)
-        if terms is not None:
-            plan = regex_plan.pair_plan(query.needle, query.case_sensitive, terms)
-    return plan
+def _trigram_query(db: Database, layout: ChunkLayout, query: Query, planned: Plan) -> str | None:
+    """The plan's query of the chunks to read, or for a needle of two characters the one
+    the index's own trigrams give."""
+    if planned.trigram_query is not None or query.needle is None:
+        return planned.trigram_query
+    terms = layout.pair_terms(db)
+    return None if terms is None else trigrams.pair_query(query.needle, query.case_sensitive, terms)
 
 
 def _chunk_segments(

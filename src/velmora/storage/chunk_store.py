@@ -30,6 +30,7 @@ from collections.abc import Collection, Iterator
 from typing import Any, Literal
 from weakref import WeakKeyDictionary
 
+from velmora.query import trigrams
 from velmora.storage import codec
 
 # Row ids per file: a file's chunks take ids from id * stride, so the stride bounds the
@@ -54,10 +55,6 @@ COMPRESSED_TABLES = (COMPRESSED_TABLE, TRIGRAM_TABLE, DICTIONARY_TABLE)
 # half FTS5's default: its hash table puts most trigrams in a few thousand buckets, so the
 # fewer it holds the shorter each lookup, and a bulk load goes about a tenth faster.
 _PENDING_BYTES = 512 << 10
-
-# A needle's trigrams past this many narrow the chunks little further, and each costs a
-# lookup: a long needle is looked up by this many, spread over its length.
-MAX_TRIGRAMS = 24
 
 # Up to this many runs of consecutive file ids, the searched files' chunks are read run by
 # run (by row-id range); beyond it one pass over the table is cheaper than many queries.
@@ -135,29 +132,14 @@ def set_dictionary(cursor: sqlite3.Cursor, data: bytes) -> None:
 
 
 def trigram_query(needle: str) -> str | None:
-    """The full-text query for chunks holding ``needle``; None below three characters.
+    """The full-text query for chunks holding ``needle``; None where the index cannot narrow
+    (below three characters, say), which makes ``matching_rows`` read every chunk.
 
-    The trigram index cannot look up fewer than three characters, and None makes
-    ``matching_rows`` read every chunk instead.  The query is an AND of the needle's
-    distinct trigrams (at most ``MAX_TRIGRAMS``, spread over it), each a quoted string so
-    that every character is taken literally.  A chunk holds all of them when it holds the
-    needle, so the answer is a superset.  A needle ending in "i" leaves out its last
-    trigram: in a lower-cased line that "i" may come from U+0130, which the index does not
-    fold to "i".
+    The needle is planned as a lower-cased one that ignores case: that query holds for every
+    chunk holding the needle as it is too, since each character's own form is among the
+    forms it takes, and the index folds ASCII letters itself.
     """
-    if len(needle) < 3:
-        return None
-    starts = len(needle) - 2 - (needle[-1] in "iI")
-    if starts <= 0:
-        return None
-    # A long needle is sampled at evenly spread places before its repeats are dropped, so
-    # that its length costs nothing here.
-    step = max(1.0, starts / (4 * MAX_TRIGRAMS))
-    taken = range(0, starts) if step == 1.0 else (int(k * step) for k in range(4 * MAX_TRIGRAMS))
-    trigrams = list(dict.fromkeys(needle[i : i + 3] for i in taken))
-    if len(trigrams) > MAX_TRIGRAMS:
-        trigrams = trigrams[:: -(-len(trigrams) // MAX_TRIGRAMS)]
-    return " AND ".join('"' + t.replace('"', '""') + '"' for t in trigrams)
+    return trigrams.needle_query(needle, case_sensitive=False)
 
 
 _TERMS_TABLE = "chunk_trigram_terms"
