@@ -21,6 +21,9 @@ settings.register_profile(
 )
 settings.load_profile("velmora")
 
+# No test starts a background server by accident; those that want one start it themselves.
+os.environ["VELMORA_NO_SERVER"] = "1"
+
 
 def outcome(call: Callable[[], Any]) -> tuple[Any, ...]:
     """The value of a call, or the type and message of what it raised: both sides must fail alike."""

@@ -15,6 +15,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import velmora
+from velmora.serve.resident import ask
 
 # The server runs the velmora that the tests import: src/, installed, or the sanitized copy.
 PACKAGES = str(Path(velmora.__file__).resolve().parent.parent)
@@ -62,3 +63,25 @@ def records(url: str, **params: object) -> list[dict]:
     status, body = get(url + "api/search", **params)
     assert status == 200, body
     return [json.loads(line) for line in body.splitlines()]
+
+
+@contextmanager
+def background(root: Path):
+    """The repository's background server, as a search starts it; stopped at the end."""
+    server = subprocess.Popen(
+        [sys.executable, "-m", "velmora.cli", "serve", "--background", str(root)],
+        env={**os.environ, "PYTHONPATH": PACKAGES},
+    )
+    try:
+        while ask(root, "status") is None:
+            assert server.poll() is None, "the server exited"
+            time.sleep(0.05)
+        yield server
+    finally:
+        ask(root, "stop")
+        try:
+            server.wait(30)
+        except subprocess.TimeoutExpired:
+            server.kill()
+            server.wait()
+

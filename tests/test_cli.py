@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import hashlib
 import json
 import os
@@ -15,7 +16,9 @@ from pathlib import Path
 
 import pytest
 
+import live_server
 from velmora import cli
+from velmora.api import Repository
 from velmora.index import build as indexer
 from velmora.storage import schema
 from velmora.storage import chunk_store
@@ -79,6 +82,20 @@ def repo(tmp_path: Path, monkeypatch) -> Path:
     write_tree(root, FILES | NOT_INDEXED)
     monkeypatch.chdir(root)  # paths print relative to the current directory
     return root
+
+
+@pytest.fixture(params=["in-process", "server"])
+def through(request, monkeypatch):
+    """Starts nothing (searches run in this process), or a background server for the
+    repository it is given, which every search after must go through."""
+    with contextlib.ExitStack() as stack:
+        def start(root: Path) -> None:
+            if request.param == "server":
+                monkeypatch.delenv("VELMORA_NO_SERVER")
+                monkeypatch.setattr(Repository, "open", None)  # no search in this process
+                stack.enter_context(live_server.background(root))
+
+        yield start
 
 
 def disk_scan(root: Path, paths, args: list[str], query: str) -> list[dict]:
@@ -147,7 +164,7 @@ def files_table(root: Path) -> dict[str, tuple[str, int]]:
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
-def test_index_and_search_follow_the_files(repo, capsys, layout):
+def test_index_and_search_follow_the_files(repo, capsys, layout, through):
     code, _, err = run(capsys, "index", "--layout", layout, repo)
     assert code == 0
     assert re.fullmatch(
@@ -172,6 +189,7 @@ def test_index_and_search_follow_the_files(repo, capsys, layout):
     assert f"{layout} layout" in err
     paths = set(FILES) - {"lib/shlex.py"} | {"added.py"}
     assert set(files_table(repo)) == paths
+    through(repo)
     for args, query in QUERIES:
         assert search_json(capsys, args, query) == disk_scan(repo, paths, args, query), (args, query)
 
@@ -201,17 +219,19 @@ def test_text_output_like_grep(repo, capsys):
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
-def test_max_count_stops_within_and_across_chunks(repo, capsys, layout):
+def test_max_count_stops_within_and_across_chunks(repo, capsys, layout, through):
     (repo / "many.txt").write_text("".join(f"hit {n}\n" for n in range(1, 201)))
     run(capsys, "index", "--layout", layout, repo)
+    through(repo)
     for count in (0, 3, 64, 70, 500):
         code, out, _ = run(capsys, "search", "code", "-g", "many.txt", "-m", str(count), "hit")
         assert out == "".join(f"many.txt:{n}:1:hit {n}\n" for n in range(1, min(count, 200) + 1))
         assert code == (0 if count else 1)
 
 
-def test_globs_and_max_count(repo, capsys):
+def test_globs_and_max_count(repo, capsys, through):
     run(capsys, "index", repo)
+    through(repo)
     code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
     assert out == 'data/small.json:1:4:{"needle": 1, "Wrap": true}\n'
     code, out, _ = run(capsys, "search", "code", "-m", "2", "needle", "-g", "*.json")

@@ -9,13 +9,16 @@ import subprocess
 import tempfile
 import time
 from itertools import count
+from unittest import mock
 from pathlib import Path
 
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
+import live_server
 from velmora import cli
+from velmora.api import Repository
 from velmora.storage import schema
 
 BINARY = b"needle\0\xff"
@@ -59,6 +62,42 @@ class _Text(__import__("io").StringIO):
         return False
 
 
+def edit(root: Path, edits, mtimes=None) -> None:
+    """Apply the edits; with ``mtimes``, each written file gets the next, long past."""
+    for action, name, lines in edits:
+        path = root / name
+        if action == "delete":
+            path.unlink(missing_ok=True)
+        elif action == "ignore":
+            (root / ".gitignore").write_text(name + "\n")
+        else:
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_bytes(BINARY if action == "binary" else "\n".join(lines).encode())
+            if mtimes is not None:  # past the racy window: only the stat can tell the change
+                os.utime(path, ns=(next(mtimes),) * 2)
+
+
+@pytest.fixture(scope="module")
+def served(tmp_path_factory):
+    root = tmp_path_factory.mktemp("served")
+    subprocess.run(["git", "init", "-q", str(root)], check=True)
+    edit(root, [("write", name, ["needle"]) for name in NAMES])
+    with live_server.background(root):
+        yield root
+
+
+# Beside the others: a file named like the index's directory, and one in a new directory.
+@settings(deadline=None, max_examples=20)
+@given(edits=st.lists(st.tuples(
+    st.sampled_from(["write", "delete", "binary", "ignore"]),
+    st.sampled_from([*NAMES, ".velmorarc", "new/dir/f.txt"]), LINES), max_size=6))
+def test_a_server_answers_for_the_tree_as_saved_before_the_search(served, edits):
+    edit(served, edits)
+    with mock.patch.dict(os.environ, {"VELMORA_NO_SERVER": ""}), \
+            mock.patch.object(Repository, "open", None):  # only the server can answer
+        assert search(served, "needle")[0] == plain_scan(served, "needle")
+
+
 @pytest.mark.parametrize("layout", ["code_chunks", "compressed"])
 @settings(deadline=None, max_examples=25,
           suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow])
@@ -74,16 +113,7 @@ def test_search_equals_a_plain_scan_after_edits(layout, edits, old_mtimes, index
             text = f"needle in {name}\nhay\n".encode()
             (root / name).write_bytes(BINARY if name == "e.json" else text)
         assert cli.main(["index", "--layout", layout, str(root)]) == 0
-        for action, name, lines in edits:
-            path = root / name
-            if action == "delete":
-                path.unlink(missing_ok=True)
-            elif action == "ignore":
-                (root / ".gitignore").write_text(name + "\n")
-            else:
-                path.write_bytes(BINARY if action == "binary" else "\n".join(lines).encode())
-                if old_mtimes:  # past the racy window: only the stat can tell the change
-                    os.utime(path, ns=(next(mtimes),) * 2)
+        edit(root, edits, mtimes if old_mtimes else None)
         if index_busy:
             with sqlite3.connect(schema.index_path(root)) as connection:
                 connection.execute("INSERT OR REPLACE INTO meta VALUES ('pass_in_progress', '1')")

@@ -3,11 +3,13 @@
 from __future__ import annotations
 
 import json
-import time
+import shutil
+import sqlite3
 
 import pytest
 
 from live_server import get, make_repo, records, serving
+from velmora import cli
 
 FILES = {
     "app.py": "import os\n\ndef needle():\n    return os.sep\n\nneedle()\n",
@@ -83,13 +85,33 @@ def test_bad_requests_get_a_reason(server, params, reason):
     assert len(matches(records(server[0], q="needle"))) == 3  # and it goes on
 
 
-def test_answers_follow_the_files(server):
+def hold_the_index(root):
+    """Another writer holds the index for the rest of the step."""
+    holder = sqlite3.connect(root / ".velmora/index/index.db", isolation_level=None)
+    holder.execute("BEGIN IMMEDIATE")
+    return holder
+
+
+def test_every_answer_follows_the_files(server):
+    # Each step changes the tree, then searches at once: an answer must hold every change
+    # saved before it was asked for, whatever became of the index.
     base, root, _ = server
-    (root / "lib/util.txt").unlink()
-    (root / "new.py").write_text("fresh = 'needle'\n")
-    for _ in range(300):  # the tree's watcher reports changes within a moment
-        paths = {path for path, _ in matches(records(base, q="needle"))}
-        if paths == {"app.py", "new.py"}:
-            break
-        time.sleep(0.1)
-    assert paths == {"app.py", "new.py"}
+    write = lambda name: (root / name).write_text("fresh = 'needle'\n")  # noqa: E731
+    steps = [
+        (lambda: ((root / "lib/util.txt").unlink(), write("new.py")), {"new.py"}),
+        (lambda: write(".velmorarc"), {"new.py", ".velmorarc"}),  # named like the index
+        (lambda: (write("pkg/deep/a.txt") if (root / "pkg/deep").mkdir(parents=True) is None else 0),
+         {"new.py", ".velmorarc", "pkg/deep/a.txt"}),
+        (lambda: (write("built.txt"), cli.main(["index", "--rebuild", str(root)])),
+         {"new.py", ".velmorarc", "pkg/deep/a.txt", "built.txt"}),
+        (lambda: (shutil.rmtree(root / ".velmora"), (root / "new.py").unlink()),
+         {".velmorarc", "pkg/deep/a.txt", "built.txt"}),
+        # A refresh that fails is not lost: the change is read from disk, then indexed.
+        (lambda: (held.append(hold_the_index(root)), write("locked.txt")),
+         {".velmorarc", "pkg/deep/a.txt", "built.txt", "locked.txt"}),
+        (lambda: held.pop().close(), {".velmorarc", "pkg/deep/a.txt", "built.txt", "locked.txt"}),
+    ]
+    held: list = []
+    for change, paths in steps:
+        change()
+        assert {path for path, _ in matches(records(base, q="needle"))} == {"app.py", *paths}

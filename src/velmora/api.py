@@ -75,6 +75,9 @@ class Repository:
     """A repository and its open index. One per thread: the index connection is not shared."""
 
     root: Path
+    # Whether a search brings the index up to date itself when files changed; a server's
+    # search processes leave that to the server, and read what it could not index from disk.
+    updates_index = True
 
     def __init__(self, root: Path, db: Database) -> None:
         self.root = root
@@ -221,7 +224,10 @@ class Repository:
                 freshness.record_listing(self._db.db_path, changes)
             return files, set(), None
         if problem is None:
-            problem = freshness.update(self._db.db_path, self.root, changes)
+            problem = (
+                freshness.update(self._db.db_path, self.root, changes) if self.updates_index
+                else "the server could not bring the index up to date"
+            )
         if problem is None:
             return select_files(self._db), set(), None
         readable = freshness.text_files(self.root, [*changes.changed.values(), *changes.added])

@@ -8,6 +8,7 @@ import os
 import sqlite3
 import sys
 from collections.abc import Callable, Sequence
+from contextlib import AbstractContextManager, nullcontext
 from pathlib import Path
 
 from velmora.storage import schema
@@ -21,11 +22,23 @@ class UsageError(Exception):
     """Bad input from the user: reported in one line, exit status 2."""
 
 
-def main(argv: Sequence[str] | None = None) -> int:
+# A server's worker answering a search: the repository at a root, held open, and whether the
+# server brought its index up to date for this search.
+Served = Callable[[Path], "tuple[Repository, bool]"]
+
+
+def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> int:
     parser = _parser()
     args, extra = parser.parse_known_args(argv)
     if extra:
         parser.error(f"unrecognized arguments: {' '.join(extra)}")
+    args.served = served
+    if served is None:
+        from velmora import client
+
+        status = client.forward(list(sys.argv[1:] if argv is None else argv))
+        if status is not None:
+            return status
     # A run makes millions of small objects and no reference cycles: the cycle collector
     # would only walk them over and over.
     gc.disable()
@@ -105,7 +118,13 @@ def _parser() -> argparse.ArgumentParser:
                        help="search processes (a search past its deadline costs one)")
     serve.add_argument("--timeout", type=_seconds, default=10.0, metavar="SECONDS",
                        help="stop a search that runs longer than this")
+    # What a search starts: the repository's socket alone, no HTTP.
+    serve.add_argument("--background", action="store_true", help=argparse.SUPPRESS)
     serve.set_defaults(run=_serve)
+
+    stop = commands.add_parser("stop", help="stop the background server of a repository")
+    stop.add_argument("repo", nargs="?", help="the repository (default: .)")
+    stop.set_defaults(run=_stop)
     return parser
 
 
@@ -157,6 +176,9 @@ def _search_code_options(code: argparse.ArgumentParser) -> None:
                       help="search the index as it is, without taking in files changed since")
     code.add_argument("--color", choices=("auto", "always", "never"), default="auto",
                       help="highlight paths, line numbers and matches (auto: on a terminal)")
+    code.add_argument("--no-server", dest="server", action="store_false",
+                      help="search in this process, and start no background server "
+                      "(also VELMORA_NO_SERVER=1)")
     code.set_defaults(run=_search)
 
 
@@ -256,8 +278,23 @@ def _index(args: argparse.Namespace) -> int:
 
 def _status(args: argparse.Namespace) -> int:
     from velmora.index import status
+    from velmora.serve.resident import ask
 
-    sys.stdout.write(status.report(_repo(args.repo)))
+    root = _repo(args.repo)
+    sys.stdout.write(status.report(root))
+    sys.stdout.write(ask(root, "status") or "Server: none (the next search starts one)\n")
+    return 0
+
+
+def _stop(args: argparse.Namespace) -> int:
+    from velmora.serve.resident import ask
+
+    said = ask(_repo(args.repo), "stop")
+    if said is None:
+        print("velmora: no server answers for this repository", file=sys.stderr)
+        return 1
+    if not said:
+        raise UsageError("that server was started by `velmora serve`: stop it there")
     return 0
 
 
@@ -317,7 +354,13 @@ def _search(args: argparse.Namespace) -> int:
         args.mode in ("count", "files")
         or args.mode == "lines" and (query.pattern is not None or query.case_sensitive)
     )
-    with Repository.open(root, create=False) as repo:
+    opened: AbstractContextManager[Repository]
+    if args.served is None:
+        opened = Repository.open(root, create=False)
+    else:
+        repository, fresh = args.served(root)
+        opened, args.refresh = nullcontext(repository), args.refresh and not fresh
+    with opened as repo:
         limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
         if plain:
             runs, reason = repo.matching_lines(query, **limited)
@@ -336,6 +379,10 @@ def _search(args: argparse.Namespace) -> int:
             searched = repo.files(globs=args.glob, paths=under, types=types)
             printer.finish(len(searched), sum(size for _, size in searched))
         sys.stdout.flush()
+    if args.served is None and args.server and not os.environ.get("VELMORA_NO_SERVER"):
+        from velmora.serve import background
+
+        background.start(root)  # for the next search
     return 0 if found else 1
 
 
@@ -358,12 +405,17 @@ def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:
 
 
 def _serve(args: argparse.Namespace) -> int:
-    from velmora.serve import app as server
-
     # A server runs for days: the cycles that asyncio and its exceptions make need the
     # collector that a one-off search goes without.
     gc.enable()
     roots = list(dict.fromkeys(_repo(text) for text in args.repos or ["."]))
+    if args.background:
+        from velmora.serve import background
+
+        background.run(roots[0])
+        return 0
+    from velmora.serve import app as server
+
     # An index that cannot be used is reported here, in one line, not from inside the server.
     for root in roots:
         if schema.index_path(root).exists():

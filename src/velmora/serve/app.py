@@ -20,20 +20,19 @@ from starlette.responses import JSONResponse, Response, StreamingResponse
 from starlette.routing import Mount, Route
 from starlette.staticfiles import StaticFiles
 
-from velmora.index import build as indexer, status
+from velmora.index import status
 from velmora.output import printer as output
 from velmora.serve import params
 from velmora.serve.headers import SecurityHeaders
 from velmora.serve.params import BadRequest
 from velmora.serve.pool import Workers
-from velmora.serve.watching import Tree, names
+from velmora.serve.resident import Resident
+from velmora.serve.watching import WatchedTree, names
 from velmora.serve.worker import FileText, Finished, Lines, Refused, Reply
 
 # A search still running after this long is stopped (its worker is replaced) so that one
 # runaway regex cannot hold a worker, nor its memory, for ever.
 DEFAULT_TIMEOUT = 10.0
-# How long start-up waits for the trees' watchers before indexing without them.
-_WATCHER_START_SECONDS = 10.0
 _LOOPBACK_NAMES = ("127.0.0.1", "localhost")
 
 
@@ -44,33 +43,20 @@ def create_app(
     """The application over the repositories at ``roots``, indexed as it starts, answering
     requests addressed to ``hosts``."""
     shown = names(list(roots))
-    trees = [Tree(name, root) for name, root in zip(shown, roots)]
-    pool = Workers(roots, workers)
+    resident = Resident(roots, shown, workers=workers)
+    trees, pool = resident.trees, resident.pool
 
     @asynccontextmanager
     async def lifespan(app: Starlette) -> AsyncIterator[None]:
-        watchers = [asyncio.create_task(tree.watch()) for tree in trees]
-        # Indexed once the watchers are in place, so that no change falls between the two.
-        _, late = await asyncio.wait(
-            [asyncio.create_task(tree.watched.wait()) for tree in trees],
-            timeout=_WATCHER_START_SECONDS,
-        )
-        for waiting in late:
-            waiting.cancel()
-        for tree in trees:
-            summary = await anyio.to_thread.run_sync(indexer.index, tree.root)
-            print(f"{tree.name}: {summary.line()}", file=sys.stderr)
-        pool.start()
+        await resident.start()
         try:
             yield
         finally:
-            for task in watchers:
-                task.cancel()
-            pool.stop()
+            await resident.stop()
 
     async def search(request: Request) -> Response:
         wanted = params.search(request, shown)
-        await trees[wanted.repo].fresh()
+        wanted.fresh = await resident.fresh(wanted.repo)
         answer = pool.answer(wanted, timeout)
         first = await anext(answer)
         if isinstance(first, Refused):
@@ -83,7 +69,7 @@ def create_app(
 
     async def file(request: Request) -> Response:
         wanted = params.file(request, shown)
-        await trees[wanted.repo].fresh()
+        await resident.fresh(wanted.repo)
         answer = pool.answer(wanted, timeout)
         try:
             reply = await anext(answer)
@@ -142,7 +128,7 @@ def _refusal(reason: str, status: int) -> Response:
     return JSONResponse({"error": reason}, status_code=status)
 
 
-def _status(tree: Tree) -> dict[str, Any]:
+def _status(tree: WatchedTree) -> dict[str, Any]:
     return {"name": tree.name, "root": str(tree.root), "report": status.report(tree.root)}
 
 

@@ -34,6 +34,9 @@ class Search:
     before: int
     after: int
     limit: int
+    # Whether the server took in every change saved before the search; when it could not
+    # write the index, the worker checks the files itself.
+    fresh: bool = True
 
 
 class FileRequest(NamedTuple):

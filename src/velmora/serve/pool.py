@@ -15,7 +15,7 @@ from pathlib import Path
 import anyio
 
 from velmora.serve.params import FileRequest, Search
-from velmora.serve.worker import Lines, Ready, Refused, Reply, work
+from velmora.serve.worker import PARTIAL, CommandSearch, Ready, Refused, Reply, work
 
 # How often a waiting request looks up from the worker's pipe, so that a client that
 # went away frees its worker promptly.
@@ -82,7 +82,7 @@ class Workers:
             self._idle.put_nowait(worker)
 
     async def answer(
-        self, request: Search | FileRequest, timeout: float
+        self, request: Search | FileRequest | CommandSearch, timeout: float
     ) -> AsyncGenerator[Reply, None]:
         """Send one request to a free worker and yield its replies until the last one, or a
         timeout. The worker is held for as long as the replies are read, which may outlive
@@ -103,5 +103,5 @@ class Workers:
                 reply = await anyio.to_thread.run_sync(
                     worker.receive, min(remaining, _POLL_SECONDS))
                 if reply is not None:
-                    worker.busy = isinstance(reply, Lines)
+                    worker.busy = isinstance(reply, PARTIAL)
                     yield reply

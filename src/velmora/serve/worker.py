@@ -13,7 +13,10 @@ from typing import NamedTuple
 from velmora.api import Repository, RepositoryError
 from velmora.output import printer as output
 from velmora.query.pattern import QueryError
+from velmora.serve import remote_search
+from velmora.serve.remote_search import CommandSearch, Exited, Output
 from velmora.serve.params import FileRequest, Search
+from velmora.storage import schema
 
 
 class Ready(NamedTuple):
@@ -48,14 +51,16 @@ class Refused(NamedTuple):
     reason: str
 
 
-Reply = Ready | Lines | Finished | FileText | Refused
+Reply = Ready | Lines | Finished | FileText | Refused | Output | Exited
+# The replies after which more come.
+PARTIAL = (Lines, Output)
 
 
 # Python's re cannot be interrupted from another thread, so searches run in worker
 # processes: a search past its deadline is stopped by ending its worker.
 def work(conn: Connection, roots: Sequence[Path]) -> None:
     threading.Thread(target=_exit_with, args=(os.getppid(),), daemon=True).start()
-    repos = [Repository.open(root, create=False) for root in roots]
+    indexes = OpenIndexes(roots)
     conn.send(Ready())
     while True:
         try:
@@ -63,7 +68,10 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
         except (EOFError, KeyboardInterrupt):
             return
         try:
-            if isinstance(request, Search):
+            repos = indexes.current()
+            if isinstance(request, CommandSearch):
+                remote_search.answer(conn, repos, request.fields, request.fresh)
+            elif isinstance(request, Search):
                 _search_into(conn, repos, request)
             else:
                 _file_into(conn, repos, request)
@@ -71,6 +79,38 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
             conn.send(Refused(400, str(error)))
         except RepositoryError as error:  # a damaged index: the server's fault, not the request's
             conn.send(Refused(500, str(error)))
+
+
+class OpenIndexes:
+    """The repositories' indexes held open, each opened again once it was replaced
+    (``velmora index --rebuild``, or a removed index made anew)."""
+
+    def __init__(self, roots: Sequence[Path]) -> None:
+        self._repos = [_opened(root) for root in roots]
+        self._files = [_identity(repo) for repo in self._repos]
+
+    def current(self) -> list[Repository]:
+        for number, repo in enumerate(self._repos):
+            now = _identity(repo)
+            if now is not None and now != self._files[number]:
+                repo.close()
+                self._repos[number] = _opened(repo.root)
+                self._files[number] = now
+        return self._repos
+
+
+def _opened(root: Path) -> Repository:
+    repo = Repository.open(root, create=False)
+    repo.updates_index = False  # the server's concern
+    return repo
+
+
+def _identity(repo: Repository) -> tuple[int, int] | None:
+    try:
+        info = os.stat(schema.index_path(repo.root))
+    except OSError:
+        return None
+    return info.st_dev, info.st_ino
 
 
 def _exit_with(parent: int) -> None:
@@ -90,10 +130,10 @@ def _file_into(conn: Connection, repos: list[Repository], request: FileRequest) 
 def _search_into(conn: Connection, repos: list[Repository], search: Search) -> None:
     started = time.perf_counter()
     # Freshness is the server's concern (it watches the trees and refreshes before
-    # dispatching): workers only read.
+    # dispatching): workers only read, unless the server could not write the index.
     results, reason = repos[search.repo].search(
         search.parsed, globs=search.globs, types=search.types, before=search.before,
-        after=search.after, refresh=False,
+        after=search.after, refresh=not search.fresh,
     )
     totals = output.Stats()
     # A query of fields alone lists files without lines: the limit counts those.
