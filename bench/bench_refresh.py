@@ -125,7 +125,7 @@ def main() -> None:
             (after_edit,) = median_ms(max(3, args.runs // 3), edit_and_search)
             print(f"one file edited: API search {shown(after_edit)} (check and index update)")
 
-        command = [sys.executable, "-m", "velmora.cli", "search", "code", NEEDLE]
+        command = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server", NEEDLE]
         # The package as this process imports it, wherever the command runs.
         env = {**os.environ, "PYTHONPATH": str(Path(refresh.__file__).parents[1])}
         fresh_cli, stale_cli = median_ms(

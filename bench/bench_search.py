@@ -111,7 +111,7 @@ def main() -> None:
     env = program_env()
     rg, git = shutil.which("rg"), shutil.which("git")
     assert rg and git, "rg and git are needed"
-    velmora = [sys.executable, "-m", "velmora.cli", "search", "code"]
+    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server"]
     ratios: dict[str, list[float]] = {}
     print(f"{'corpus':<7} {'layout':<12} {'query':<21} {'velmora':>8} {'rg':>8} {'ratio':>6} "
           f"{'goal':>5}  {'lines':>15}  peak MB")

@@ -106,7 +106,7 @@ def memory(pid: int, client: Client, requests: int) -> None:
 
 
 def cli_time(tree: Path, flags: list[str], query: str, repeats: int = 5) -> float:
-    argv = [sys.executable, "-m", "velmora.cli", "search", "code", *flags, "--", query, str(tree)]
+    argv = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server", *flags, "--", query, str(tree)]
     best = float("inf")
     for _ in range(repeats):
         started = time.perf_counter()
