@@ -36,7 +36,12 @@ TERMS = [
     ("file:\\.py$", "file", "\\.py$", True),
     ("lang:py", "lang", "py", False),
     ("lang:md", "lang", "md", False),
+    ("sym:alpha", "sym", "alpha", True),
+    ("sym:^[dG]", "sym", "^[dG]", True),
 ]
+# What universal-ctags finds in FILES: (line, name) of each definition.
+DEFINED = {"a.py": [(1, "alpha")], "b.md": [(1, "Gamma")], "sub/c.py": [(1, "delta")],
+           "sub/deep/e.rs": [(1, "alpha")]}
 _LANG = {"py": ".py", "md": ".md"}
 
 
@@ -93,6 +98,8 @@ class Oracle:
         if field == "lang":
             return path.endswith(_LANG[text])
         found = self.matcher(field, text, regex)
+        if field == "sym":
+            return any(found(name) for _, name in DEFINED.get(path, []))
         if field == "file" or field == "text" and self.files_only:
             return bool(found(path))
         return any(found(line) for line in self.texts[path])
@@ -102,13 +109,18 @@ class Oracle:
             return self.shown(node[1], not negated)
         if node[0] in ("and", "or"):
             return [term for child in node[1] for term in self.shown(child, negated)]
-        text_term = node[1] == "content" or node[1] == "text" and not self.files_only
-        return [node] if text_term and not negated else []
+        return [node] if node[1] in ("content", "text", "sym") and not negated else []
+
+    def lines(self, path: str, term) -> set[int]:
+        found = self.matcher(*term[1:])
+        if term[1] == "sym":
+            return {line for line, name in DEFINED.get(path, []) if found(name)}
+        return {n for n, line in enumerate(self.texts[path], 1) if found(line)}
 
     def answer(self, node) -> list[tuple[str, list[int]]]:
-        found = [self.matcher(*term[1:]) for term in self.shown(node)]
+        shown = [] if self.files_only else self.shown(node)
         return [
-            (path, [n for n, line in enumerate(self.texts[path], 1) if any(f(line) for f in found)])
+            (path, sorted(set().union(*(self.lines(path, term) for term in shown))))
             for path in sorted(FILES)
             if self.holds(node, path)
         ]

@@ -20,11 +20,11 @@ from typing import NamedTuple
 
 import pathspec
 
-from velmora.index import safety
+from velmora.index import safety, symbols
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.utils.progress import Progress
-from velmora.storage import chunk_store, code_text, codec, layouts
+from velmora.storage import chunk_store, code_text, codec, layouts, symbol_store
 from velmora.storage.layouts import ChunkLayout
 from velmora.utils.fsio import read_bytes_no_follow
 
@@ -261,7 +261,11 @@ def _update(
     }
     left_out = {row[0]: row[1:] for row in db.fetchall("SELECT * FROM skipped")}
     summary = Summary(store=wanted.name)
-    seen, skipped, work = _survey(root, paths, known, left_out, last_run)
+    extracting = symbols.available()
+    # An index without every file's definitions (converted from an older form, or made
+    # without ctags) reads every file again for them.
+    reread = extracting and schema.get_meta(db, symbol_store.MARK) is None
+    seen, skipped, work = _survey(root, paths, known, left_out, -1 if reread else last_run)
     bar = Progress(len(paths)) if progress else None
     if bar:
         bar.update(len(paths) - len(work))
@@ -283,6 +287,7 @@ def _update(
     with db.transaction() as cursor:
         for path in known.keys() - seen:
             wanted.drop_chunks(cursor, known[path].id)
+            symbol_store.drop(cursor, known[path].id)
             cursor.execute("DELETE FROM files WHERE id = ?", (known[path].id,))
             summary.removed += 1
         cursor.execute("DELETE FROM skipped")
@@ -296,6 +301,10 @@ def _update(
             wanted.optimize(cursor)
             wanted.set_bulk_load(cursor, False)
             _reclaim(cursor)
+        if extracting:
+            schema.set_meta(cursor, symbol_store.MARK, "1")
+        else:
+            schema.delete_meta(cursor, symbol_store.MARK)
         schema.delete_meta(cursor, schema.PASS_MARK)
     if bar:
         bar.close()
@@ -355,6 +364,7 @@ class _Prepared(NamedTuple):
     language: str
     on_disk: bool
     encoded: list[tuple] | None  # None: the stored chunks still hold its text
+    definitions: list[symbols.Definition]
 
 
 class _LeftOut(NamedTuple):
@@ -402,7 +412,8 @@ def _survey(
 
 
 def _prepare(
-    root: Path, path: str, info: os.stat_result, known: _Known | None, layout: ChunkLayout, encoder
+    root: Path, path: str, info: os.stat_result, known: _Known | None, layout: ChunkLayout, encoder,
+    extractor: symbols.Extractor,
 ) -> _Prepared | _LeftOut:
     """Read, check, chunk and encode one file, or say why it is left out."""
     stamp = (info.st_size, info.st_mtime_ns, info.st_ino)
@@ -414,8 +425,9 @@ def _prepare(
         return _LeftOut("binary", *stamp)
     sha1 = hashlib.sha1(data).hexdigest()
     stamp = (len(data), info.st_mtime_ns, info.st_ino)
+    definitions = extractor.definitions(path, data)
     if known is not None and sha1 == known.sha1 and known.size >= 0:
-        return _Prepared(path, *stamp, sha1, "", False, None)
+        return _Prepared(path, *stamp, sha1, "", False, None, definitions)
     text = data.decode("utf-8", errors="replace")
     language = language_of(path)
     chunks = code_text.code_chunks(text)
@@ -423,7 +435,7 @@ def _prepare(
         return _LeftOut("too many lines", *stamp)
     on_disk = code_text.text_kept_on_disk(language, code_text.stored_text_bytes(text))
     encoded = [] if on_disk else layout.encode_chunks(encoder, chunks)
-    return _Prepared(path, *stamp, sha1, language, on_disk, encoded)
+    return _Prepared(path, *stamp, sha1, language, on_disk, encoded, definitions)
 
 
 class _Pool:
@@ -437,6 +449,7 @@ class _Pool:
         self.workers = workers or min(4, os.cpu_count() or 1)
         self.layout, self.dictionary = layout, dictionary
         self.local = threading.local()
+        self.extractors: list[symbols.Extractor] = []
 
     def __enter__(self) -> _Pool:
         self.executor = ThreadPoolExecutor(self.workers, thread_name_prefix="velmora-index")
@@ -445,6 +458,8 @@ class _Pool:
     def __exit__(self, *exc_info: object) -> None:
         # On Ctrl-C the files queued are dropped; those being read finish first.
         self.executor.shutdown(wait=True, cancel_futures=True)
+        for extractor in self.extractors:
+            extractor.close()
 
     def prepared(
         self, root: Path, work: list[tuple[str, os.stat_result, _Known | None]]
@@ -464,7 +479,11 @@ class _Pool:
     def _prepare(self, root: Path, path: str, info: os.stat_result, known: _Known | None):
         if not hasattr(self.local, "encoder"):
             self.local.encoder = self.layout.encoder(self.dictionary)
-        return _prepare(root, path, info, known, self.layout, self.local.encoder)
+        extractor = getattr(self.local, "extractor", None)
+        if extractor is None:
+            extractor = self.local.extractor = symbols.Extractor()
+            self.extractors.append(extractor)
+        return _prepare(root, path, info, known, self.layout, self.local.encoder, extractor)
 
 
 class _Writer:
@@ -484,18 +503,20 @@ class _Writer:
         stamp = (done.size, done.mtime_ns, done.inode)
         if done.encoded is None:
             assert known is not None
+            file_id = known.id
             cursor.execute(
-                "UPDATE files SET size = ?, mtime_ns = ?, inode = ? WHERE id = ?", (*stamp, known.id)
+                "UPDATE files SET size = ?, mtime_ns = ?, inode = ? WHERE id = ?", (*stamp, file_id)
             )
         else:
             row = (done.language, *stamp, done.sha1, int(done.on_disk), len(done.encoded))
             if known is None:
-                file_id = cursor.execute(
+                added = cursor.execute(
                     "INSERT INTO files (language, size, mtime_ns, inode, sha1, text_on_disk, "
                     "chunks, path) VALUES (?, ?, ?, ?, ?, ?, ?, ?)",
                     (*row, done.path),
                 ).lastrowid
-                assert file_id is not None  # an INSERT always gives its row id
+                assert added is not None  # an INSERT always gives its row id
+                file_id = added
                 self.summary.added += 1
             else:
                 file_id = known.id
@@ -511,6 +532,7 @@ class _Writer:
                 self.summary.chunks += len(done.encoded)
                 self.summary.bytes += done.size
                 self.bytes += done.size
+        symbol_store.replace(cursor, file_id, done.definitions)
         self.files += 1
         if self.files >= _BATCH_FILES or self.bytes >= _BATCH_BYTES:
             self.commit()

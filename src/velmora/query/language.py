@@ -94,16 +94,15 @@ class Parsed:
     expr: Node
     files_only: bool
 
-    def content_terms(self) -> list[Term]:
-        """The terms whose matching lines are shown: those of the file's text that are not
-        negated."""
+    def shown_terms(self) -> list[Term]:
+        """The terms whose lines are shown, those that are not negated: the file's text
+        that they match, and the definitions of sym: terms."""
         found: list[Term] = []
+        shown = ("content", "sym") if self.files_only else ("content", "sym", "text")
 
         def walk(node: Node, negated: bool) -> None:
             if isinstance(node, Term):
-                if not negated and node.field == "content" or node.field == "text" and not (
-                    negated or self.files_only
-                ):
+                if not negated and node.field in shown:
                     found.append(node)
             elif isinstance(node, Not):
                 walk(node.node, not negated)
@@ -117,11 +116,11 @@ class Parsed:
     @property
     def lists_files(self) -> bool:
         """Whether the answer is file names alone: no term shows a line."""
-        return self.files_only or not self.content_terms()
+        return self.files_only or not self.shown_terms()
 
     def shown_query(self) -> Query:
         """One query that finds every match shown, for highlighting and match offsets."""
-        terms = self.content_terms()
+        terms = self.shown_terms()
         if len(terms) == 1:
             return terms[0].query
         sources = [_source(term) for term in terms] or ["(?!)"]

@@ -10,7 +10,7 @@ from velmora.output.printer import column_in_line
 from velmora.query.language import And, Not, Or, Parsed, Term
 from velmora.query.pattern import QueryError
 from velmora.search.engine import Hit, search
-from velmora.storage import code_text
+from velmora.storage import code_text, layouts, schema, symbol_store
 from velmora.storage.database import Database
 
 Rows = list[code_text.FileRow]
@@ -38,13 +38,12 @@ def evaluate(
     reasons: list[str] = []
     holding = _Holding(db, root, parsed, repo, from_disk, reasons)
     held = holding.rows(parsed.expr, list(files))
-    shown_terms = parsed.content_terms()
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
-        if not shown_terms:
+        if parsed.lists_files:
             yield from ((row[1], []) for row in held)
             return
-        found = _lines(db, root, shown_terms, held, from_disk, before, after, max_count)
+        found = _lines(holding, parsed.shown_terms(), held, before, after, max_count)
         for row in held:
             yield row[1], found.get(row[1], [])
 
@@ -62,6 +61,18 @@ class _Holding:
     ) -> None:
         self.db, self.root, self.parsed, self.repo = db, root, parsed, repo
         self.from_disk, self.reasons = from_disk, reasons
+        self.defined: dict[Term, dict[int, list[tuple[int, str]]]] = {}
+
+    def definitions(self, term: Term) -> dict[int, list[tuple[int, str]]]:
+        """The files that define a symbol the sym: term names, with the lines it is defined on."""
+        if term not in self.defined:
+            if schema.get_meta(self.db, symbol_store.MARK) is None:
+                raise QueryError(
+                    f"sym: at {term.at} needs the definitions of every file, which this index "
+                    "lacks: `velmora index` extracts them with universal-ctags (`ctags`)"
+                )
+            self.defined[term] = symbol_store.defining(self.db, term.pattern)
+        return self.defined[term]
 
     def rows(self, node, within: Rows) -> Rows:
         if not within:
@@ -107,32 +118,37 @@ class _Holding:
             of_type = term.of_type
             return [row for row in within if of_type(row[1])]
         if field == "sym":
-            raise QueryError(f"sym: needs an index of symbols, which this one lacks (at {term.at})")
+            defined = self.definitions(term)
+            return [row for row in within if row[0] in defined]
         # file:, or a bare term when the query asks for file names
         found = term.pattern.search
         return [row for row in within if found(row[1])]
 
 
 def _lines(
-    db: Database, root: Path, terms: list[Term], held: Rows, from_disk: Collection[int],
-    before: int, after: int, max_count: int | None,
+    holding: _Holding, terms: list[Term], held: Rows, before: int, after: int,
+    max_count: int | None,
 ) -> dict[str, list[Hit]]:
-    """The lines of the files ``held`` that match one of ``terms``, as one search of them all
-    would give them."""
-    if len(terms) == 1:
+    """The lines of the files ``held`` that match one of ``terms`` (for sym:, that define
+    what it names), as one search of them all would give them."""
+    db, root, from_disk = holding.db, holding.root, holding.from_disk
+    if len(terms) == 1 and terms[0].field != "sym":
         results, _ = search(db, terms[0].query, held, root=root, before=before, after=after,
                             max_count=max_count, from_disk=from_disk)
         return dict(results)
     merged: dict[str, dict[int, Hit]] = {}
     for term in terms:
-        results, _ = search(db, term.query, held, root=root, before=before, after=after,
-                            from_disk=from_disk)
+        if term.field == "sym":
+            results = _definition_hits(db, root, holding.definitions(term), held, before, after)
+        else:
+            results, _ = search(db, term.query, held, root=root, before=before, after=after,
+                                from_disk=from_disk)
         for path, hits in results:
             lines = merged.setdefault(path, {})
             for hit in hits:
                 # Columns as offsets in the line itself, whatever case rule found them.
                 text = hit.context[hit.line - hit.context[0][0]][1]
-                column = column_in_line(term.query, text, hit.column)
+                column = hit.column if term.field == "sym" else column_in_line(term.query, text, hit.column)
                 known = lines.get(hit.line)
                 if known is None or column < known.column:
                     lines[hit.line] = Hit(hit.line, column, hit.context)
@@ -140,3 +156,25 @@ def _lines(
         path: [lines[number] for number in sorted(lines)][:max_count]
         for path, lines in merged.items()
     }
+
+
+def _definition_hits(
+    db: Database, root: Path, defined: dict[int, list[tuple[int, str]]], held: Rows,
+    before: int, after: int,
+) -> Iterator[tuple[str, list[Hit]]]:
+    """The definition lines of a sym: term in the files ``held``, as hits whose column is
+    the name's."""
+    rows = [row for row in held if row[0] in defined]
+    if not rows:
+        return
+    source, _ = layouts.text_source(db, root, None, True)
+    for file_id, path, *_ in rows:
+        lines = source.lines(file_id, path)
+        hits: dict[int, Hit] = {}
+        for number, name in defined[file_id]:
+            if number > len(lines) or number in hits:
+                continue  # the file changed since its definitions were taken; or a second name
+            low, high = max(1, number - before), min(len(lines), number + after)
+            context = [(line, lines[line - 1]) for line in range(low, high + 1)]
+            hits[number] = Hit(number, max(0, lines[number - 1].find(name)), context)
+        yield path, list(hits.values())

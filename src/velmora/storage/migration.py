@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import sqlite3
 
-from velmora.storage import code_text, schema
+from velmora.storage import code_text, schema, symbol_store
 from velmora.storage.database import Database
 from velmora.storage.layouts import ChunkLayout
 
@@ -29,6 +29,8 @@ def migrate(db: Database, version: tuple[int, ...], progress: bool = True) -> No
             layout.upgrade(cursor, version, progress)
         if "chunks" not in columns:
             _count_chunks(cursor, layout)
+        # Empty until the next pass reads every file (without the mark, sym: says so).
+        symbol_store.create_table(cursor)
         schema.set_meta(cursor, "schema_version", schema.SCHEMA_VERSION)
 
 

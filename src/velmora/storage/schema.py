@@ -12,6 +12,8 @@ The ``meta`` table's keys:
 - ``pair_lookup``: present when the chunk tables were made by 4.2 or later, so that every
   chunk's indexed text ends in a line feed and the index can look up two characters
   (``chunk_store.pair_terms``); an older index reads every chunk for them until rebuilt.
+- ``symbols``: present once the ``symbols`` table holds every indexed file's definitions
+  (``symbol_store``).
 """
 
 from __future__ import annotations
@@ -20,14 +22,15 @@ import sqlite3
 from pathlib import Path
 
 from velmora.storage.database import Database, is_busy
+from velmora.storage import symbol_store
 from velmora.storage.layouts import ChunkLayout
 
 # 4.0: compressed chunks as zstd frames with a dictionary, a trigram index without
 # positions, files.inode, and the skipped table.  4.1: files.chunks.  4.2: indexed texts
-# end in a line feed (``pair_lookup``).
-SCHEMA_VERSION = "4.2.0"
+# end in a line feed (``pair_lookup``).  4.3: the symbols table.
+SCHEMA_VERSION = "4.3.0"
 # The forms that ``migration`` converts in place.
-CONVERTED = ((3, 0), (3, 1), (4, 0), (4, 1))
+CONVERTED = ((3, 0), (3, 1), (4, 0), (4, 1), (4, 2))
 PAIR_MARK = "pair_lookup"
 
 # The database lies two levels below the repository root: the search finds the root as
@@ -77,6 +80,7 @@ def create(db: Database, layout: ChunkLayout) -> None:
         cursor.execute(CHUNKS_INDEX_DDL)
         cursor.execute(SKIPPED_DDL)
         layout.create_tables(cursor)
+        symbol_store.create_table(cursor)
         set_meta(cursor, "schema_version", SCHEMA_VERSION)
         set_meta(cursor, PAIR_MARK, "1")
     db.layout = layout

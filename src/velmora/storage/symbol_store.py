@@ -1,0 +1,67 @@
+"""The index's table of symbol definitions: written with each file's chunks, looked up by name."""
+
+from __future__ import annotations
+
+import re
+import sqlite3
+from collections.abc import Iterable
+
+from velmora.storage.database import Database
+
+TABLE_DDL = (
+    "CREATE TABLE IF NOT EXISTS symbols (file_id INTEGER NOT NULL, line INTEGER NOT NULL, "
+    "kind TEXT NOT NULL, name TEXT NOT NULL, scope TEXT)"
+)
+INDEX_DDL = (
+    "CREATE INDEX IF NOT EXISTS symbols_file ON symbols (file_id)",
+    "CREATE INDEX IF NOT EXISTS symbols_name ON symbols (name)",
+)
+# Present in ``meta`` once every indexed file's definitions are in the table: an index
+# converted from an older form has none until its next pass reads every file again.
+MARK = "symbols"
+
+# (name, kind, line, scope), as the extractor gives them.
+Definition = tuple[str, str, int, "str | None"]
+
+
+def create_table(cursor: sqlite3.Cursor) -> None:
+    cursor.execute(TABLE_DDL)
+    for ddl in INDEX_DDL:
+        cursor.execute(ddl)
+
+
+def replace(cursor: sqlite3.Cursor, file_id: int, definitions: Iterable[Definition]) -> None:
+    """The file's definitions become ``definitions``."""
+    drop(cursor, file_id)
+    cursor.executemany(
+        "INSERT INTO symbols (file_id, name, kind, line, scope) VALUES (?, ?, ?, ?, ?)",
+        [(file_id, *definition) for definition in definitions],
+    )
+
+
+def drop(cursor: sqlite3.Cursor, file_id: int) -> None:
+    cursor.execute("DELETE FROM symbols WHERE file_id = ?", (file_id,))
+
+
+def defining(db: Database, name: re.Pattern[str]) -> dict[int, list[tuple[int, str]]]:
+    """The files that define a symbol whose name ``name`` finds, each with the (line, name)
+    of those definitions, in order."""
+    names = [found for (found,) in db.fetchall("SELECT DISTINCT name FROM symbols") if name.search(found)]
+    found: dict[int, list[tuple[int, str]]] = {}
+    # Looked up through the index on names, in slices under SQLite's bound on parameters.
+    for start in range(0, len(names), 500):
+        part = names[start : start + 500]
+        marks = ",".join("?" * len(part))
+        for file_id, line, symbol in db.fetchall(
+            f"SELECT file_id, line, name FROM symbols WHERE name IN ({marks})", part
+        ):
+            found.setdefault(file_id, []).append((line, symbol))
+    return {file_id: sorted(set(lines)) for file_id, lines in found.items()}
+
+
+def outline(db: Database, file_id: int) -> list[tuple[str, str, int, str | None]]:
+    """A file's definitions in the order of its lines, as (name, kind, line, scope)."""
+    return db.fetchall(
+        "SELECT name, kind, line, scope FROM symbols WHERE file_id = ? ORDER BY line, rowid",
+        (file_id,),
+    )
