@@ -274,7 +274,7 @@ def test_bad_input_writes_nothing(repo, capsys, argv, message):
     assert not (repo / ".velmora").exists()
 
 
-@pytest.mark.parametrize("version", ["3.2.0", "4.3.0", "2.9.1", "banana"])
+@pytest.mark.parametrize("version", ["3.2.0", "4.4.0", "2.9.1", "banana"])
 def test_an_index_of_another_schema_is_refused(repo, capsys, version):
     run(capsys, "index", repo)
     con = sqlite3.connect(schema.index_path(repo))
