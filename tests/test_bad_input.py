@@ -29,12 +29,18 @@ CASES = [
     for param, (kind, _) in {**target.params, **target.fields}.items()
     for value in [*GENERIC, *BY_KIND[kind]]
 ]
-# Calls of the wrong shape: no arguments, one too many, an unknown keyword.
+# Calls of the wrong shape: no arguments, one too many, an unknown keyword; and (below) each
+# positional argument given by keyword too, as in f(x, name=x).
 SHAPES = {
     "no arguments": lambda args, kwargs: ((), {}),
     "one too many": lambda args, kwargs: ((*args, 1), kwargs),
     "unknown keyword": lambda args, kwargs: (args, {**kwargs, "unknown": 1}),
 }
+WRONG_SHAPES = [
+    (name, shape)
+    for name, target in TARGETS.items()
+    for shape in [*SHAPES, *(f"{p} twice" for p in target.params if p not in target.keyword_only)]
+]
 
 
 @pytest.fixture(scope="module")
@@ -59,14 +65,18 @@ def test_a_bad_input_gets_the_models_answer(bench: workbench.Workbench, name: st
         assert got == want
 
 
-@pytest.mark.parametrize("shape_name", list(SHAPES))
-@pytest.mark.parametrize("name", list(TARGETS))
+@pytest.mark.parametrize(("name", "shape_name"), WRONG_SHAPES, ids=[" ".join(case) for case in WRONG_SHAPES])
 def test_a_call_of_the_wrong_shape(bench: workbench.Workbench, name: str, shape_name: str) -> None:
     def run_shape(impl: Any) -> Any:
         target = TARGETS[name]
         values = {p: resolve(v, bench, impl) for p, (_, v) in target.params.items()}
         args = [values[p] for p in target.params if p not in target.keyword_only]
-        args, kwargs = SHAPES[shape_name](args, {p: values[p] for p in target.keyword_only})
+        kwargs = {p: values[p] for p in target.keyword_only}
+        if shape_name in SHAPES:
+            args, kwargs = SHAPES[shape_name](args, kwargs)
+        else:
+            twice = shape_name.removesuffix(" twice")
+            kwargs[twice] = values[twice]
         return answer(lambda: target.make(bench, impl)(*args, **kwargs))
 
     assert run_shape(native) == run_shape(model) == ("error", TypeError)

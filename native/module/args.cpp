@@ -3,54 +3,54 @@
 namespace velmora::py {
 namespace {
 
-Py_ssize_t index_of(const ParamSpec& spec, PyObject* keyword) {
-    for (Py_ssize_t i = 0; i < spec.count; ++i) {
-        if (PyUnicode_CompareWithASCIIString(keyword, spec.names[i]) == 0) return i;
+Py_ssize_t index_of(const Signature& signature, PyObject* keyword) {
+    for (Py_ssize_t i = 0; i < signature.count; ++i) {
+        if (PyUnicode_CompareWithASCIIString(keyword, signature.names[i]) == 0) return i;
     }
     return -1;
 }
 
-bool missing(const ParamSpec& spec, Py_ssize_t index) {
-    const char* kind = index < spec.positional ? "positional" : "keyword-only";
-    PyErr_Format(PyExc_TypeError, "%s() missing 1 required %s argument: '%s'", spec.function,
-                 kind, spec.names[index]);
+bool missing(const Signature& signature, Py_ssize_t index) {
+    const char* kind = index < signature.positional ? "positional" : "keyword-only";
+    PyErr_Format(PyExc_TypeError, "%s() missing 1 required %s argument: '%s'", signature.function,
+                 kind, signature.names[index]);
     return false;
 }
 
 }  // namespace
 
-bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
+bool parse_args(const Signature& signature, PyObject* const* args, Py_ssize_t nargs,
                 PyObject* kwnames, PyObject** out) {
-    if (nargs > spec.positional) {
+    if (nargs > signature.positional) {
         PyErr_Format(PyExc_TypeError, "%s() takes %zd positional argument%s but %zd %s given",
-                     spec.function, spec.positional, spec.positional == 1 ? "" : "s", nargs,
+                     signature.function, signature.positional, signature.positional == 1 ? "" : "s", nargs,
                      nargs == 1 ? "was" : "were");
         return false;
     }
-    for (Py_ssize_t i = 0; i < spec.count; ++i) out[i] = i < nargs ? args[i] : nullptr;
+    for (Py_ssize_t i = 0; i < signature.count; ++i) out[i] = i < nargs ? args[i] : nullptr;
     const Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < nkw; ++k) {
         PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
-        const Py_ssize_t i = index_of(spec, keyword);
+        const Py_ssize_t i = index_of(signature, keyword);
         if (i < 0) {
             PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'",
-                         spec.function, keyword);
+                         signature.function, keyword);
             return false;
         }
         if (out[i] != nullptr) {
             PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%s'",
-                         spec.function, spec.names[i]);
+                         signature.function, signature.names[i]);
             return false;
         }
         out[i] = args[nargs + k];
     }
-    for (Py_ssize_t i = 0; i < spec.required; ++i) {
-        if (out[i] == nullptr) return missing(spec, i);
+    for (Py_ssize_t i = 0; i < signature.required; ++i) {
+        if (out[i] == nullptr) return missing(signature, i);
     }
     return true;
 }
 
-bool parse_tuple_and_dict(const ParamSpec& spec, PyObject* args, PyObject* kwargs, Owned& held,
+bool parse_tuple_and_dict(const Signature& signature, PyObject* args, PyObject* kwargs, Owned& held,
                           PyObject** out) {
     const Py_ssize_t nargs = PyTuple_GET_SIZE(args);
     const Py_ssize_t nkw = kwargs ? PyDict_GET_SIZE(kwargs) : 0;
@@ -68,7 +68,7 @@ bool parse_tuple_and_dict(const ParamSpec& spec, PyObject* args, PyObject* kwarg
         ++k;
     }
     PyObject* const* values = nargs + nkw ? &PyTuple_GET_ITEM(held.get(), 0) : nullptr;
-    return parse_args(spec, values, nargs, kwnames.get(), out);
+    return parse_args(signature, values, nargs, kwnames.get(), out);
 }
 
 bool require_str(const char* function, const char* param, PyObject* value) {

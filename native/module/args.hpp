@@ -9,7 +9,7 @@
 
 namespace velmora::py {
 
-struct ParamSpec {
+struct Signature {
     const char* function;      // as it appears in messages: "code_chunks"
     const char* const* names;  // every parameter, positional ones first
     Py_ssize_t count;
@@ -18,11 +18,11 @@ struct ParamSpec {
 };
 
 // Fills out[0..count) with borrowed references (null for an absent optional one).
-bool parse_args(const ParamSpec& spec, PyObject* const* args, Py_ssize_t nargs,
+bool parse_args(const Signature& signature, PyObject* const* args, Py_ssize_t nargs,
                 PyObject* kwnames, PyObject** out);
 // The same for the tuple and dict that tp_init receives, laid out as a vectorcall: `held`
 // takes the values, which out[] borrows from it.
-bool parse_tuple_and_dict(const ParamSpec& spec, PyObject* args, PyObject* kwargs, Owned& held,
+bool parse_tuple_and_dict(const Signature& signature, PyObject* args, PyObject* kwargs, Owned& held,
                           PyObject** out);
 
 template <size_t N>
@@ -32,16 +32,16 @@ struct Params {
     Py_ssize_t positional = N;
     Py_ssize_t required = N;
 
-    ParamSpec spec() const {
+    Signature signature() const {
         return {function, names.data(), static_cast<Py_ssize_t>(N), positional, required};
     }
     bool parse(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                std::array<PyObject*, N>& out) const {
-        return parse_args(spec(), args, nargs, kwnames, out.data());
+        return parse_args(signature(), args, nargs, kwnames, out.data());
     }
     bool parse_tuple_and_dict(PyObject* args, PyObject* kwargs, Owned& held,
                               std::array<PyObject*, N>& out) const {
-        return py::parse_tuple_and_dict(spec(), args, kwargs, held, out.data());
+        return py::parse_tuple_and_dict(signature(), args, kwargs, held, out.data());
     }
 };
 

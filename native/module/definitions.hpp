@@ -1,5 +1,5 @@
 // What the files of the binding offer one another: the module's functions (as method
-// definitions, added to the module in its load order by module.cpp), the type specs,
+// definitions, added to the module in its load order by module.cpp), the types' definitions,
 // and the few routines that more than one concern shares.
 #pragma once
 

@@ -366,7 +366,7 @@ PyType_Slot line_matches_slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec line_matches_spec = {
+PyType_Spec line_matches_definition = {
     "velmora.storage.code_text.line_matches_iterator",
     sizeof(LineMatches),
     0,
@@ -404,7 +404,7 @@ PyObject* line_matches(PyObject* module, PyObject* const* args, Py_ssize_t nargs
 }  // namespace
 
 PyObject* make_line_matches_type(PyObject* module) {
-    return PyType_FromModuleAndSpec(module, &line_matches_spec, nullptr);
+    return PyType_FromModuleAndSpec(module, &line_matches_definition, nullptr);
 }
 
 PyMethodDef line_matches_def = {

@@ -100,9 +100,9 @@ PyObject* make_text_source_type(PyObject* module, const char* name, const char* 
         {0, nullptr},
     };
     // The type copies what it keeps of the PyType_Spec and the members, but the names: literals.
-    PyType_Spec spec{name, static_cast<int>(sizeof(Object)), 0,
+    PyType_Spec definition{name, static_cast<int>(sizeof(Object)), 0,
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
-    return PyType_FromModuleAndSpec(module, &spec, nullptr);
+    return PyType_FromModuleAndSpec(module, &definition, nullptr);
 }
 
 }  // namespace velmora::py
