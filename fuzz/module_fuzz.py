@@ -419,7 +419,7 @@ class Dropping(int):
 
     __hash__ = int.__hash__
 
-    def __new__(cls, source: Any, name: str, delete: bool) -> "Dropping":
+    def __new__(cls, source: Any, name: str, delete: bool) -> Dropping:
         made = super().__new__(cls, 5)
         made.drop = (lambda: delattr(source, name)) if delete else (lambda: setattr(source, name, None))
         return made

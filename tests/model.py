@@ -5,7 +5,7 @@ from __future__ import annotations
 from typing import TYPE_CHECKING, Any, Collection, Iterator, NamedTuple, Sequence
 
 from velmora.storage import chunk_store
-from velmora.storage.chunk_store import Layout, layout
+from velmora.storage.chunk_store import Layout
 from velmora.utils.fsio import read_bytes_no_follow
 
 if TYPE_CHECKING:

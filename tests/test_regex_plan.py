@@ -184,7 +184,7 @@ def test_a_search_finds_what_a_plain_scan_finds(tree, text, regex, ignore_case, 
     db = schema.open_index(schema.index_path(tree))
     try:
         results, reason = search(db, query, select_files(db), root=tree, before=context, after=context)
-        got = {path: hits for path, hits in results}
+        got = dict(results)
     finally:
         db.close()
     assert reason is None

@@ -243,7 +243,7 @@ class _CommandParser(argparse.ArgumentParser):
             self.error(f"unrecognized arguments: {' '.join(extra)}")
         return namespace, []
 
-    def error(self, message: str):  # type: ignore[override]
+    def error(self, message: str):
         if message.startswith("argument "):
             # A known option with a bad value: one line says what is wrong with it.
             self.exit(2, f"{self.prog}: error: {message}\n")

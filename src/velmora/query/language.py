@@ -15,7 +15,6 @@ from __future__ import annotations
 import re
 from dataclasses import dataclass
 from functools import cached_property
-from typing import Union
 
 from velmora.query import file_types
 from velmora.query.pattern import Query, QueryError, has_regex_syntax, has_upper
@@ -84,7 +83,7 @@ class Or:
     nodes: tuple[Node, ...]
 
 
-Node = Union[Term, Not, And, Or]
+Node = Term | Not | And | Or
 
 
 @dataclass(frozen=True)
@@ -173,11 +172,11 @@ def _check(node: Node) -> None:
     """Compiles every term, so that a bad one is reported before any search."""
     if isinstance(node, Term):
         if node.field == "lang":
-            node.of_type
+            node.of_type  # noqa: B018 - read for the error it raises
         elif node.field in ("text", "content"):
-            node.query
+            node.query  # noqa: B018
         else:
-            node.pattern
+            node.pattern  # noqa: B018
     elif isinstance(node, Not):
         _check(node.node)
     else:

@@ -47,9 +47,12 @@ def widened_search(source: str) -> Search | None:
 
 
 def _first_match_offset(compiled, re2) -> Search:
-    # Below the package's public search (its version is pinned): that search makes a
-    # generator and a match object per call, which cost as much as a chunk's scan.
-    match, unanchored = compiled._regexp.Match, re2._Anchor.UNANCHORED
+    # Below the package's public search, whose generator and match object per call cost as
+    # much as a chunk's scan. The version CI pins has these names; another may not.
+    try:
+        match, unanchored = compiled._regexp.Match, re2._Anchor.UNANCHORED
+    except AttributeError:
+        return lambda text: -1 if (found := compiled.search(text)) is None else found.start()
     return lambda text: match(unanchored, text, 0, len(text))[0][0]
 
 

@@ -14,11 +14,11 @@ from __future__ import annotations
 import itertools
 import re
 from collections.abc import Callable, Sequence
-from typing import NamedTuple, Union
+from typing import NamedTuple
 
 # A query over trigrams: None holds for every text; a str is one trigram the text must hold;
 # ("and" | "or", parts) joins queries.
-TrigramQuery = Union[None, str, tuple[str, frozenset]]
+TrigramQuery = None | str | tuple[str, frozenset]
 
 # Strings in an exact, prefix or suffix set before the set is folded into the query.
 _MAX_STRINGS = 16
@@ -34,7 +34,7 @@ _SHORT_RUN = 32
 _UNFOLDED = frozenset("iksIKS")
 
 # The characters that may stand for one character of a query in a text (None: any).
-Variants = Union[frozenset[str], None]
+Variants = frozenset[str] | None
 
 
 class Piece(NamedTuple):
