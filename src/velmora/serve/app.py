@@ -2,9 +2,7 @@
 
 from __future__ import annotations
 
-import asyncio
 import json
-import sys
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
 from contextlib import asynccontextmanager
 from pathlib import Path
@@ -25,7 +23,6 @@ from velmora.output import printer as output
 from velmora.serve import params
 from velmora.serve.headers import SecurityHeaders
 from velmora.serve.params import BadRequest
-from velmora.serve.pool import Workers
 from velmora.serve.resident import Resident
 from velmora.serve.watching import WatchedTree, names
 from velmora.serve.worker import FileText, Finished, Lines, Refused, Reply

@@ -48,7 +48,7 @@ async def _serve(root: Path) -> None:
             try:
                 await asyncio.wait_for(resident.stopping.wait(), 10)
                 break
-            except asyncio.TimeoutError:
+            except TimeoutError:
                 pass
     finally:
         await resident.stop()

@@ -56,7 +56,7 @@ class _Frames(io.RawIOBase):
     def isatty(self) -> bool:
         return self._tty  # the client's terminal decides --color auto
 
-    def write(self, data) -> int:  # type: ignore[override]
+    def write(self, data) -> int:
         self._conn.send(Output(self._kind, bytes(data)))
         return len(data)
 
