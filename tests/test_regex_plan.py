@@ -22,7 +22,8 @@ from velmora.query.plan import plan
 from velmora.search import chunk_scan
 from velmora.storage import schema
 from velmora.query.pattern import Query
-from velmora.search.engine import search, select_files
+from velmora.search.engine import search
+from velmora.storage.file_rows import select_files
 from velmora.storage import chunk_store
 from velmora.storage import layouts
 

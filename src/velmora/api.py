@@ -25,8 +25,9 @@ from velmora.index import freshness
 from velmora.storage.database import Database
 from velmora.query.language import Parsed
 from velmora.query.pattern import Query, QueryError
-from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search, select_files
-from velmora.storage import code_text, layouts
+from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search
+from velmora.storage.file_rows import FileRow, select_files
+from velmora.storage import layouts
 from velmora.utils.fsio import is_plain_relative
 
 __all__ = ["Hit", "Query", "Repository", "RepositoryError", "Run", "find_root"]
@@ -87,7 +88,11 @@ class Repository:
     def open(cls, path: str | os.PathLike[str] = ".", *, create: bool = True) -> Repository:
         """The repository holding ``path``; with ``create``, indexed first when it has no
         index yet (otherwise a missing index is a ``RepositoryError``)."""
-        root = find_root(path)
+        return cls.at(find_root(path), create=create)
+
+    @classmethod
+    def at(cls, root: Path, *, create: bool = True) -> Repository:
+        """As ``open``, for a root that ``find_root`` gave: it is not looked for again."""
         db_path = schema.index_path(root)
         if not db_path.exists():
             if not create:
@@ -164,7 +169,7 @@ class Repository:
 
     def _searched(
         self,
-        run: Callable[[list[code_text.FileRow], set[int]], tuple[Iterator[_T], str | None]],
+        run: Callable[[list[FileRow], set[int]], tuple[Iterator[_T], str | None]],
         globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool,
     ) -> tuple[Iterator[_T], str | None]:
         try:
@@ -178,7 +183,7 @@ class Repository:
 
     def _files(
         self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool
-    ) -> tuple[list[code_text.FileRow], set[int], str | None]:
+    ) -> tuple[list[FileRow], set[int], str | None]:
         """The files to search, those of them to read from disk, and why."""
         files = select_files(self._db)
         from_disk: set[int] = set()
@@ -196,7 +201,7 @@ class Repository:
         """The indexed files that a search with these limits reads, as (path, size)."""
         size = dict(self._db.fetchall("SELECT id, size FROM files"))
         rows = _limited(select_files(self._db), globs, paths, types)
-        return [(row[1], size[row[0]]) for row in rows]
+        return [(row.path, size[row.id]) for row in rows]
 
     def _guarded(self, results: Iterator[_T]) -> Iterator[_T]:
         try:
@@ -210,8 +215,8 @@ class Repository:
         )
 
     def _fresh(
-        self, files: list[code_text.FileRow]
-    ) -> tuple[list[code_text.FileRow], set[int], str | None]:
+        self, files: list[FileRow]
+    ) -> tuple[list[FileRow], set[int], str | None]:
         """The files to search as the tree is now, those to read from disk, and why."""
         changes = freshness.check(self._db, self.root)
         # While another pass writes the index (or after one was interrupted), it is left
@@ -235,10 +240,10 @@ class Repository:
         gone = changes.removed | changes.changed.keys() - changed
         added = [path for path in changes.added if path in readable]
         # Files the index does not hold get ids no indexed file has.
-        files = [row for row in files if row[0] not in gone] + [
-            (-1 - number, path, "text", None) for number, path in enumerate(added)
+        files = [row for row in files if row.id not in gone] + [
+            FileRow(-1 - number, path, "text", None) for number, path in enumerate(added)
         ]
-        files.sort(key=lambda row: row[1])
+        files.sort(key=lambda row: row.path)
         from_disk = changed | {-1 - number for number in range(len(added))}
         changed_count = len(changes.changed) + len(changes.removed) + len(changes.added)
         note = f"{changed_count} file(s) changed since the index was written, taken from disk: "
@@ -249,18 +254,16 @@ class Repository:
         the index does not hold. The path is looked up in the index, never opened as given."""
         if not is_plain_relative(path):
             raise KeyError(path)
-        rows = self._db.fetchall(
-            "SELECT id, path, language, NULL FROM files WHERE path = ?", (path,)
-        )
-        if not rows:
+        found = self._db.fetchall("SELECT id FROM files WHERE path = ?", (path,))
+        if not found:
             raise KeyError(path)
-        row = rows[0]
+        (file_id,) = found[0]
         try:
             source, reason = layouts.text_source(self._db, self.root, None, True)
-            lines = source.lines(row[0], row[1])
+            lines = source.lines(file_id, path)
             if reason is None:  # read from the index
                 assert self._db.layout is not None
-                chunk_counts.check_file(self._db, self._db.layout, row[0], len(lines))
+                chunk_counts.check_file(self._db, self._db.layout, file_id, len(lines))
             return "\n".join(lines)
         except _DAMAGE as error:
             raise self._damaged(error) from None
@@ -281,18 +284,18 @@ class Repository:
 
 
 def _limited(
-    files: list[code_text.FileRow],
+    files: list[FileRow],
     globs: Sequence[str],
     paths: Sequence[str],
     types: Sequence[str],
-) -> list[code_text.FileRow]:
+) -> list[FileRow]:
     files = matching_globs(files, globs)
     # The whole tree, which a search without a path asks for, needs no test per file.
     if paths and not any(limit.strip("/") in ("", ".") for limit in paths):
-        files = [row for row in files if _under(row[1], paths)]
+        files = [row for row in files if _under(row.path, paths)]
     of_type = file_types.matcher(types)
     if of_type is not None:
-        files = [row for row in files if of_type(row[1])]
+        files = [row for row in files if of_type(row.path)]
     return files
 
 

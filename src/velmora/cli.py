@@ -356,7 +356,7 @@ def _search(args: argparse.Namespace) -> int:
     )
     opened: AbstractContextManager[Repository]
     if args.served is None:
-        opened = Repository.open(root, create=False)
+        opened = Repository.at(root, create=False)
     else:
         repository, fresh = args.served(root)
         opened, args.refresh = nullcontext(repository), args.refresh and not fresh
@@ -419,7 +419,7 @@ def _serve(args: argparse.Namespace) -> int:
     # An index that cannot be used is reported here, in one line, not from inside the server.
     for root in roots:
         if schema.index_path(root).exists():
-            Repository.open(root).close()
+            Repository.at(root).close()
     shown = " ".join(str(root) for root in roots)
     print(f"velmora: serving {shown} on http://{args.host}:{args.port}/", file=sys.stderr)
     server.serve(roots, host=args.host, port=args.port, workers=max(args.workers, 1),

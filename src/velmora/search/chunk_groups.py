@@ -7,8 +7,9 @@ from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
 from typing import NamedTuple
 
-from velmora.storage import chunk_counts, chunk_store, code_text
+from velmora.storage import chunk_counts, chunk_store
 from velmora.storage.database import Database
+from velmora.storage.file_rows import FileRow
 from velmora.storage.layouts import ChunkLayout
 
 STRIDE = chunk_store.CHUNK_STRIDE
@@ -18,9 +19,9 @@ _GROUP_CHUNKS = 1024
 _GROUP_FILES = 64
 
 
-class Chunk(NamedTuple):
-    """One stored chunk: its first and last line, its lines joined by LF, and whether it is
-    its file's last (False when not asked for)."""
+class ReadChunk(NamedTuple):
+    """A stored chunk as a group read gives it: its first and last line, its lines joined by
+    LF, and whether it is its file's last (False when not asked for)."""
 
     first: int
     end: int
@@ -37,13 +38,13 @@ def chunk_lines(first: int, end: int, text: str) -> list[str]:
 def file_chunks(
     db: Database,
     layout: ChunkLayout,
-    files: Sequence[code_text.FileRow],
+    files: Sequence[FileRow],
     plan: str | None,
     keep: Collection[int],
     *,
     with_last: bool,
     holding: str | None,
-) -> Iterator[tuple[code_text.FileRow, list[Chunk]]]:
+) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
     """The files with those of their chunks that the full-text query ``plan`` lets through
     (every chunk when it is None), in the order of ``files``. A file without such a chunk is
     left out, unless its id is in ``keep`` (it then comes with an empty list).
@@ -57,19 +58,19 @@ def file_chunks(
         return
     rowids = array("q", sorted(layout.matching_ids(db, plan)))
     with_chunks = {rowid // STRIDE for rowid in rowids}
-    files = [row for row in files if row[0] in with_chunks or row[0] in keep]
+    files = [row for row in files if row.id in with_chunks or row.id in keep]
     yield from _groups(db, layout, files, rowids, with_last, holding)
 
 
 def _groups(db, layout: ChunkLayout, files, rowids: array | None, with_last: bool, holding: str | None):
-    group: list[code_text.FileRow] = []
+    group: list[FileRow] = []
     wanted: list[int] = []  # the group's chunk row ids, or its file ids for whole files
     for row in files:
         if rowids is None:
-            wanted.append(row[0])
+            wanted.append(row.id)
         else:
-            low = bisect_left(rowids, row[0] * STRIDE)
-            high = bisect_left(rowids, (row[0] + 1) * STRIDE, low)
+            low = bisect_left(rowids, row.id * STRIDE)
+            high = bisect_left(rowids, (row.id + 1) * STRIDE, low)
             wanted.extend(rowids[low:high])
         group.append(row)
         if len(wanted) >= _GROUP_CHUNKS or (rowids is None and len(group) >= _GROUP_FILES):
@@ -80,13 +81,13 @@ def _groups(db, layout: ChunkLayout, files, rowids: array | None, with_last: boo
 
 
 def _read_group(db, layout: ChunkLayout, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
-    found: dict[int, list[Chunk]] = {}
+    found: dict[int, list[ReadChunk]] = {}
     if wanted:
         for rowid, start, end, text, last in layout.group_rows(db, group, wanted, whole_files, with_last, holding):
-            found.setdefault(rowid // STRIDE, []).append(_new_chunk(Chunk, (start, end, text, last)))
+            found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
     for row in group:
-        yield row, found.pop(row[0], [])
+        yield row, found.pop(row.id, [])
 
 
-# Makes a Chunk without the Python-level constructor of a named tuple.
+# Makes a ReadChunk without the Python-level constructor of a named tuple.
 _new_chunk = tuple.__new__

@@ -13,6 +13,7 @@ from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
 from velmora.storage import code_text, layouts
 from velmora.storage.database import Database
+from velmora.storage.file_rows import FileRow
 from velmora.storage.layouts import ChunkLayout
 
 if TYPE_CHECKING:
@@ -40,20 +41,13 @@ class Run(NamedTuple):
     matches: Iterable[tuple[int, int]]
 
 
-# A run of a file's lines: (number of its first line, the lines, whether it ends the file, how
-# many of its lines cannot match, the matches in the lines after those, numbered from 1 there).
-_Segment = tuple[int, list[str], bool, int, Iterable[tuple[int, int]]]
+# A segment as the search scans it: the module's ``Segment`` (number of its first line, the
+# lines, whether it ends the file), then how many of its lines cannot match, and the matches in
+# the lines after those, numbered from 1 there.
+ScannedSegment = tuple[int, list[str], bool, int, Iterable[tuple[int, int]]]
 
 
-def select_files(db: Database, globs: Sequence[str] = ()) -> list[code_text.FileRow]:
-    """The indexed files, by path, that match the globs ("!" before a glob excludes)."""
-    rows = db.fetchall("SELECT id, path, language, NULL FROM files ORDER BY path")
-    return matching_globs(rows, globs)
-
-
-def matching_globs(
-    rows: list[code_text.FileRow], globs: Sequence[str]
-) -> list[code_text.FileRow]:
+def matching_globs(rows: list[FileRow], globs: Sequence[str]) -> list[FileRow]:
     """The rows whose path matches the globs ("!" before a glob excludes)."""
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
@@ -62,17 +56,17 @@ def matching_globs(
         import pathspec
     if include:
         wanted = pathspec.GitIgnoreSpec.from_lines(include)
-        rows = [row for row in rows if wanted.match_file(row[1])]
+        rows = [row for row in rows if wanted.match_file(row.path)]
     if exclude:
         unwanted = pathspec.GitIgnoreSpec.from_lines(exclude)
-        rows = [row for row in rows if not unwanted.match_file(row[1])]
+        rows = [row for row in rows if not unwanted.match_file(row.path)]
     return rows
 
 
 def search(
     db: Database,
     query: Query,
-    files: Sequence[code_text.FileRow],
+    files: Sequence[FileRow],
     *,
     root: Path,
     before: int = 0,
@@ -92,7 +86,7 @@ def search(
         for row, segments in segmented:
             hits = _file_hits(source, row, segments, before, after, max_count)
             if hits:
-                yield row[1], hits
+                yield row.path, hits
 
     return per_file(), reason
 
@@ -100,7 +94,7 @@ def search(
 def matching_lines(
     db: Database,
     query: Query,
-    files: Sequence[code_text.FileRow],
+    files: Sequence[FileRow],
     *,
     root: Path,
     from_disk: Collection[int] = frozenset(),
@@ -110,7 +104,7 @@ def matching_lines(
     may come with runs that hold no match."""
     _, segmented, reason = _segmented(db, root, query, files, from_disk, False)
     runs = (
-        (row[1], [
+        (row.path, [
             _new_run(Run, (first + skipped, lines[skipped:] if skipped else lines, found))
             for first, lines, _, skipped, found in segments
         ])
@@ -123,10 +117,10 @@ def _segmented(
     db: Database,
     root: Path,
     query: Query,
-    files: Sequence[code_text.FileRow],
+    files: Sequence[FileRow],
     from_disk: Collection[int],
     with_last: bool,
-) -> tuple[TextSource, Iterator[tuple[code_text.FileRow, list[_Segment]]], str | None]:
+) -> tuple[TextSource, Iterator[tuple[FileRow, list[ScannedSegment]]], str | None]:
     """The source of whole files, the files that may match with their segments, and why the
     files are read from disk."""
     layout = db.layout
@@ -143,7 +137,7 @@ def _segmented(
         disk = code_text.DiskText(root, query.needle, query.case_sensitive)
         source = DiskOverlay(source, disk, from_disk)
         on_disk = frozenset(on_disk) | frozenset(from_disk)
-    texts: Iterable[tuple[code_text.FileRow, list[chunk_groups.Chunk]]]
+    texts: Iterable[tuple[FileRow, list[chunk_groups.ReadChunk]]]
     if reason is None:
         assert layout is not None
         # A case-sensitive needle is held as it is by any chunk that holds a match (where the
@@ -159,16 +153,16 @@ def _segmented(
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     line_matches = code_text.line_matches
 
-    def per_file() -> Iterator[tuple[code_text.FileRow, list[_Segment]]]:
+    def per_file() -> Iterator[tuple[FileRow, list[ScannedSegment]]]:
         for row, chunks in texts:
-            segments: list[_Segment]
-            if reason is not None or row[0] in on_disk:
+            segments: list[ScannedSegment]
+            if reason is not None or row.id in on_disk:
                 segments = [
                     (first, lines, last, 0, line_matches(lines, needle, pattern, case_sensitive))
-                    for first, lines, last in source.segments(row[0], row[1])
+                    for first, lines, last in source.segments(row.id, row.path)
                 ]
             elif chunks:
-                segments = _chunk_segments(chunks, first_line, query, row[1], whole=with_last)
+                segments = _chunk_segments(chunks, first_line, query, row.path, whole=with_last)
             else:
                 # Most files of a selective search have no candidate: nothing more to do.
                 continue
@@ -188,16 +182,16 @@ def _trigram_query(db: Database, layout: ChunkLayout, query: Query, planned: Pla
 
 
 def _chunk_segments(
-    chunks: list[chunk_groups.Chunk], first_line: chunk_scan.FirstLine | None, query: Query,
+    chunks: list[chunk_groups.ReadChunk], first_line: chunk_scan.FirstLine | None, query: Query,
     path: str, *, whole: bool,
-) -> list[_Segment]:
+) -> list[ScannedSegment]:
     """The chunks of the file at ``path`` that may hold a match, as segments with their
     matches (found as read). Without ``whole`` (no context is shown), a segment may leave
     out the lines that come before the first match or after the last."""
     chunk_lines, line_matches = chunk_groups.chunk_lines, code_text.line_matches
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     trimmed = not whole and pattern is None and case_sensitive
-    segments: list[_Segment] = []
+    segments: list[ScannedSegment] = []
     for first, end, text, last in chunks:
         if trimmed and end >= first:
             # Most of a chunk's lines hold no match: they are never made into strs.
@@ -238,11 +232,11 @@ def _held_lines(text: str, needle: str) -> tuple[int, list[str]] | None:
 
 
 def _file_hits(
-    source, row: code_text.FileRow, segments: list[_Segment],
+    source, row: FileRow, segments: list[ScannedSegment],
     before: int, after: int, max_count: int | None,
 ) -> list[Hit]:
     # Runs once per match: the work per match is kept to a few tuples.
-    file_id, path = row[0], row[1]
+    file_id, path = row.id, row.path
     hits: list[Hit] = []
     for first, lines, last, skipped, found in segments:
         if max_count is not None:

@@ -10,16 +10,17 @@ from velmora.output.printer import column_in_line
 from velmora.query.language import And, Not, Or, Parsed, Term
 from velmora.query.pattern import QueryError
 from velmora.search.engine import Hit, search
-from velmora.storage import code_text, layouts, schema, symbol_store
+from velmora.storage import layouts, schema, symbol_store
 from velmora.storage.database import Database
+from velmora.storage.file_rows import FileRow
 
-Rows = list[code_text.FileRow]
+Rows = list[FileRow]
 
 
 def evaluate(
     db: Database,
     parsed: Parsed,
-    files: Sequence[code_text.FileRow],
+    files: Sequence[FileRow],
     *,
     root: Path,
     repo: str,
@@ -41,11 +42,11 @@ def evaluate(
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
         if parsed.lists_files:
-            yield from ((row[1], []) for row in held)
+            yield from ((row.path, []) for row in held)
             return
         found = _lines(holding, parsed.shown_terms(), held, before, after, max_count)
         for row in held:
-            yield row[1], found.get(row[1], [])
+            yield row.path, found.get(row.path, [])
 
     return per_file(), reasons[0] if reasons else None
 
@@ -80,8 +81,8 @@ class _Holding:
         if isinstance(node, Term):
             return self.term(node, within)
         if isinstance(node, Not):
-            held = {row[0] for row in self.rows(node.node, within)}
-            return [row for row in within if row[0] not in held]
+            held = {row.id for row in self.rows(node.node, within)}
+            return [row for row in within if row.id not in held]
         if isinstance(node, And):
             for child in sorted(node.nodes, key=self.cost):
                 within = self.rows(child, within)
@@ -90,9 +91,9 @@ class _Holding:
         kept: set[int] = set()
         rest = within
         for child in sorted(node.nodes, key=self.cost):
-            kept.update(row[0] for row in self.rows(child, rest))
-            rest = [row for row in rest if row[0] not in kept]
-        return [row for row in within if row[0] in kept]
+            kept.update(row.id for row in self.rows(child, rest))
+            rest = [row for row in rest if row.id not in kept]
+        return [row for row in within if row.id in kept]
 
     def cost(self, node) -> int:
         """How much asking ``node`` costs: 0 for a test of names alone, 1 for a read."""
@@ -111,18 +112,18 @@ class _Holding:
             if reason:
                 self.reasons.append(reason)
             held = {path for path, _ in results}
-            return [row for row in within if row[1] in held]
+            return [row for row in within if row.path in held]
         if field == "repo":
             return within if term.pattern.search(self.repo) else []
         if field == "lang":
             of_type = term.of_type
-            return [row for row in within if of_type(row[1])]
+            return [row for row in within if of_type(row.path)]
         if field == "sym":
             defined = self.definitions(term)
-            return [row for row in within if row[0] in defined]
+            return [row for row in within if row.id in defined]
         # file:, or a bare term when the query asks for file names
         found = term.pattern.search
-        return [row for row in within if found(row[1])]
+        return [row for row in within if found(row.path)]
 
 
 def _lines(
@@ -164,17 +165,17 @@ def _definition_hits(
 ) -> Iterator[tuple[str, list[Hit]]]:
     """The definition lines of a sym: term in the files ``held``, as hits whose column is
     the name's."""
-    rows = [row for row in held if row[0] in defined]
+    rows = [row for row in held if row.id in defined]
     if not rows:
         return
     source, _ = layouts.text_source(db, root, None, True)
-    for file_id, path, *_ in rows:
-        lines = source.lines(file_id, path)
+    for row in rows:
+        lines = source.lines(row.id, row.path)
         hits: dict[int, Hit] = {}
-        for number, name in defined[file_id]:
+        for number, name in defined[row.id]:
             if number > len(lines) or number in hits:
                 continue  # the file changed since its definitions were taken; or a second name
             low, high = max(1, number - before), min(len(lines), number + after)
             context = [(line, lines[line - 1]) for line in range(low, high + 1)]
             hits[number] = Hit(number, max(0, lines[number - 1].find(name)), context)
-        yield path, list(hits.values())
+        yield row.path, list(hits.values())

@@ -100,7 +100,7 @@ class OpenIndexes:
 
 
 def _opened(root: Path) -> Repository:
-    repo = Repository.open(root, create=False)
+    repo = Repository.at(root, create=False)
     repo.updates_index = False  # the server's concern
     return repo
 

@@ -7,10 +7,11 @@ import json
 from collections.abc import Sequence
 from typing import TYPE_CHECKING
 
-from velmora.storage import chunk_store, code_text
+from velmora.storage import chunk_store
 
 if TYPE_CHECKING:
     from velmora.storage.database import Database
+    from velmora.storage.file_rows import FileRow
     from velmora.storage.layouts import ChunkLayout
 
 
@@ -38,7 +39,7 @@ def check_totals(db: Database, layout: ChunkLayout) -> None:
 
 
 def check_read(
-    db: Database, group: Sequence[code_text.FileRow], wanted: int | None, read: int
+    db: Database, group: Sequence[FileRow], wanted: int | None, read: int
 ) -> None:
     """A group of files' chunk rows read from the compressed layout's table (``read``) are
     as many as were asked for: the ``wanted`` candidates that the trigram index named, or
@@ -48,7 +49,7 @@ def check_read(
     its entry stays.  (``code_chunks`` holds both in one table: ``check_totals`` covers it.)
     """
     within = "(SELECT * FROM files WHERE id IN (SELECT value FROM json_each(?)))"
-    ids = (json.dumps([row[0] for row in group]),)
+    ids = (json.dumps([row.id for row in group]),)
     if wanted is None:
         wanted = db.fetchall(f"SELECT total(chunks) FROM {within}", ids)[0][0]
     if read != wanted:

@@ -20,6 +20,7 @@ from velmora.utils.progress import Progress
 
 if TYPE_CHECKING:
     from velmora.storage.database import Database
+    from velmora.storage.file_rows import FileRow
 
 STRIDE = chunk_store.CHUNK_STRIDE
 
@@ -128,7 +129,7 @@ class ChunkLayout:
         return None
 
     def group_rows(
-        self, db: Database, group: Sequence[code_text.FileRow], wanted: list[int], whole_files: bool,
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
         with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         """The chunk rows of a group of files, each file's in order: the chunks whose row ids
@@ -257,7 +258,7 @@ class Compressed(ChunkLayout):
         return lambda pair: chunk_store.pair_terms(db, pair)
 
     def group_rows(
-        self, db: Database, group: Sequence[code_text.FileRow], wanted: list[int], whole_files: bool,
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
         with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         statement = self._group_statement("c.body", whole_files, with_last)
@@ -316,7 +317,7 @@ class CodeChunks(ChunkLayout):
         return code_text.ChunkText(db, self.name, {}, disk, self.on_disk_ids(db)), None
 
     def group_rows(
-        self, db: Database, group: Sequence[code_text.FileRow], wanted: list[int], whole_files: bool,
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
         with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         parameters: tuple = (_json_ids(wanted),)
