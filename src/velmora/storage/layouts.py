@@ -113,7 +113,7 @@ class ChunkLayout:
 
     def on_disk_ids(self, db: Database) -> frozenset[int]:
         """The files whose text the index keeps on disk."""
-        return frozenset(row[0] for row in db.fetchall("SELECT id FROM files WHERE text_on_disk = 1"))
+        return frozenset(file_id for (file_id,) in db.fetchall("SELECT id FROM files WHERE text_on_disk = 1"))
 
     def matching_ids(self, db: Database, match: str) -> set[int]:
         """The row ids of the chunks that a full-text ``match`` expression selects.
@@ -122,7 +122,7 @@ class ChunkLayout:
         refused there (``chunk_store.trigram_query`` gives an AND instead).
         """
         table = self.fts_table
-        return {row[0] for row in db.rows(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))}
+        return {rowid for (rowid,) in db.rows(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))}
 
     def pair_terms(self, db: Database) -> Callable[[str], list[str]] | None:
         """The lookup of the index's trigrams that begin with two characters, when it has one."""
