@@ -31,16 +31,7 @@ void check(const Char* text, size_t size, const std::vector<uint32_t>& t, const 
     // The lower-cased text, and the index in `t` of each of its code points.
     std::vector<uint32_t> lowered;
     std::vector<size_t> origin;
-    for (size_t i = 0; i < t.size(); ++i) {
-        const uint32_t c = t[i];
-        if (c == 0x130) {
-            lowered.insert(lowered.end(), {'i', 0x307});
-            origin.insert(origin.end(), {i, i});
-        } else {
-            lowered.push_back(c >= 'A' && c <= 'Z' ? c + 32 : c == 0x212A ? 'k' : c);
-            origin.push_back(i);
-        }
-    }
+    ref_lower(t, lowered, origin);
     const size_t column = ref_find(lowered, folded);
     // An empty needle matches at 0, also in an empty text.
     const size_t want = column == kNotFound ? kNotFound : column < origin.size() ? origin[column] : t.size();

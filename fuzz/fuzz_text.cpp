@@ -97,6 +97,21 @@ std::vector<uint32_t> ref_join(const std::vector<uint32_t>& t, const std::vector
 }
 
 // UTF-8 length, a lone surrogate being the one byte "?" it is stored as.
+void ref_lower(const std::vector<uint32_t>& t, std::vector<uint32_t>& lowered, std::vector<size_t>& origin) {
+    lowered.clear();
+    origin.clear();
+    for (size_t i = 0; i < t.size(); ++i) {
+        const uint32_t c = t[i];
+        if (c == 0x130) {
+            lowered.insert(lowered.end(), {'i', 0x307});
+            origin.insert(origin.end(), {i, i});
+        } else {
+            lowered.push_back(c >= 'A' && c <= 'Z' ? c + 32 : c == 0x212A ? 'k' : c);
+            origin.push_back(i);
+        }
+    }
+}
+
 uint64_t ref_utf8_length(const std::vector<uint32_t>& t) {
     uint64_t n = 0;
     for (uint32_t c : t) {

@@ -150,6 +150,11 @@ std::vector<RefLine> ref_lines(const std::vector<uint32_t>& t);
 std::vector<uint32_t> ref_join(const std::vector<uint32_t>& t, const std::vector<RefLine>& lines, size_t from,
                                size_t to);
 
+// t.lower(), as far as an ASCII needle can tell: ASCII letters to lower case, U+0130 to "i"
+// U+0307, U+212A to "k", every other code point to itself; and the index in `t` of each
+// code point of it.
+void ref_lower(const std::vector<uint32_t>& t, std::vector<uint32_t>& lowered, std::vector<size_t>& origin);
+
 // UTF-8 length, a lone surrogate being the one byte "?" it is stored as.
 uint64_t ref_utf8_length(const std::vector<uint32_t>& t);
 

@@ -18,8 +18,11 @@ import sys
 from typing import Any, Callable, Iterator
 
 import pytest
+import zstandard
 
 import workbench
+from conftest import outcome
+from velmora import native as host
 from velmora.storage import code_text as native
 from workbench import BY_KIND, TARGETS
 
@@ -107,7 +110,20 @@ def repeated_cases(bench: workbench.Workbench) -> dict[str, Callable[[], Any]]:
         assert native.keep_large_data_on_disk(cursor) == 1
         cursor.execute("DELETE FROM files")
 
+    stride, frame = native.CODE_CHUNK_STRIDE, zstandard.ZstdCompressor().compress("key \u212a\nx".encode())
+    dictionary, listed = host.FrameDictionary(b""), [(1, "a", b"a")]
+
+    def scan(first: int, last: int, body: Any, needle: str = "key", mode: str = "lines") -> Callable[[], Any]:
+        rows = [(stride, first, last, body, 0)]
+        return lambda: outcome(lambda: host.scan_chunks(dictionary, rows, listed, stride, needle, True, mode, None))
+
     return {
+        "scan_chunks": scan(1, 2, frame),
+        "scan_chunks count": scan(1, 2, frame, "x", "count"),
+        "scan_chunks numbering": scan(1, 5, frame),
+        "scan_chunks damaged": scan(1, 2, b"no frame"),
+        "scan_chunks bad row": scan(1, "2", frame),
+        "scan_chunks bad mode": scan(1, 2, frame, "key", "json"),
         "DiskText.segments": alternate(disk, "segments"),
         "DiskText.lines": alternate(disk, "lines"),
         "DiskText._load": alternate(native.DiskText(bench.repo, None, True), "_load"),

@@ -47,11 +47,12 @@ def test_segment_is_a_named_tuple() -> None:
         segment.first = 2  # type: ignore[misc]
 
 
-def test_stub_matches_the_module() -> None:
+@pytest.mark.parametrize("module", ["velmora.storage.code_text", "velmora.native"])
+def test_stub_matches_the_module(module: str) -> None:
     pytest.importorskip("mypy")
     env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     result = subprocess.run(
-        [sys.executable, "-m", "mypy.stubtest", "velmora.storage.code_text"],
+        [sys.executable, "-m", "mypy.stubtest", module],
         capture_output=True, text=True, env=env,
     )
     assert result.returncode == 0, result.stdout + result.stderr

@@ -167,6 +167,33 @@ class Repository:
             globs, paths, types, refresh,
         )
 
+    def printed(
+        self,
+        query: Query,
+        *,
+        mode: str = "lines",
+        shown: Callable[[str], str] = str,
+        encoding: str = "utf-8",
+        max_count: int | None = None,
+        globs: Sequence[str] = (),
+        paths: Sequence[str] = (),
+        types: Sequence[str] = (),
+        refresh: bool = True,
+    ) -> tuple[Iterator[bytes], str | None]:
+        """A plain search (``search.native_scan.handles``) printed as the CLI prints it without
+        context or colour, each matching file's output encoded with the UTF-8 ``encoding``:
+        its lines (mode "lines"), their count ("count") or its path ("files"), as
+        ``shown`` shows it. Scanned from the stored chunks on every core."""
+        from velmora.search import native_scan
+
+        return self._searched(
+            lambda files, from_disk: native_scan.printed(
+                self._db, query, files, root=self.root, mode=mode, shown=shown, encoding=encoding,
+                max_count=max_count, from_disk=from_disk,
+            ),
+            globs, paths, types, refresh,
+        )
+
     def _searched(
         self,
         run: Callable[[list[FileRow], set[int]], tuple[Iterator[_T], str | None]],

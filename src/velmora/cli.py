@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import codecs
 import gc
 import os
 import sqlite3
@@ -362,28 +363,61 @@ def _search(args: argparse.Namespace) -> int:
         opened, args.refresh = nullcontext(repository), args.refresh and not fresh
     with opened as repo:
         limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
-        if plain:
-            runs, reason = repo.matching_lines(query, **limited)
+        if asked is query and _native(query, args, context or color):
+            found = _print_native(repo, query, args, _shown(limits), limited)
         else:
-            results, reason = repo.search(
-                asked, before=args.before, after=args.after, max_count=args.max_count, **limited
+            if plain:
+                runs, reason = repo.matching_lines(query, **limited)
+            else:
+                results, reason = repo.search(
+                    asked, before=args.before, after=args.after, max_count=args.max_count, **limited
+                )
+            if reason:
+                print(f"velmora: {reason}", file=sys.stderr)
+            printer = output.Printer(
+                query, sys.stdout, mode=args.mode, context=context, color=color,
+                shown=_shown(limits), read=lambda path: _read(root, path), stats=args.stats,
             )
-        if reason:
-            print(f"velmora: {reason}", file=sys.stderr)
-        printer = output.Printer(
-            query, sys.stdout, mode=args.mode, context=context, color=color,
-            shown=_shown(limits), read=lambda path: _read(root, path), stats=args.stats,
-        )
-        found = printer.print_runs(runs) if plain else printer.print_all(results)
-        if args.stats or args.mode == "json":
-            searched = repo.files(globs=args.glob, paths=under, types=types)
-            printer.finish(len(searched), sum(size for _, size in searched))
-        sys.stdout.flush()
+            found = printer.print_runs(runs) if plain else printer.print_all(results)
+            if args.stats or args.mode == "json":
+                searched = repo.files(globs=args.glob, paths=under, types=types)
+                printer.finish(len(searched), sum(size for _, size in searched))
+            sys.stdout.flush()
     if args.served is None and args.server and not os.environ.get("VELMORA_NO_SERVER"):
         from velmora.serve import background
 
         background.start(root)  # for the next search
     return 0 if found else 1
+
+
+def _native(query: Query, args: argparse.Namespace, decorated: bool) -> bool:
+    """Whether the search prints from the native scan: a plain needle, output without
+    context, colour or statistics, on a UTF-8 stream (the scan's output is the text's own
+    bytes)."""
+    from velmora.search import native_scan
+
+    encoding = codecs.lookup(sys.stdout.encoding or "ascii").name
+    return (
+        native_scan.handles(query) and not (decorated or args.stats)
+        and args.mode in ("lines", "count", "files") and encoding == "utf-8"
+    )
+
+
+def _print_native(repo: Repository, query: Query, args, shown, limited) -> bool:
+    """Print the search from the native scan; whether anything matched."""
+    blocks, reason = repo.printed(
+        query, mode=args.mode, shown=shown, encoding=sys.stdout.encoding,
+        max_count=args.max_count, **limited,
+    )
+    if reason:
+        print(f"velmora: {reason}", file=sys.stderr)
+    sys.stdout.flush()
+    out, found = sys.stdout.buffer, False
+    for block in blocks:
+        out.write(block)
+        found = True
+    out.flush()
+    return found
 
 
 def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:

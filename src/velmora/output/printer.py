@@ -104,6 +104,16 @@ def text_lines(
     return "".join(out)
 
 
+def plain_block(mode: str, shown_path: str, hits: list[Hit], query: Query) -> str:
+    """One file's output in a mode without context, colour or statistics: its matching
+    lines ("lines"), their count ("count") or its path ("files")."""
+    if mode == "files":
+        return f"{shown_path}\n"
+    if mode == "count":
+        return f"{shown_path}:{len(hits)}\n"
+    return text_lines(shown_path, hits, query, context=False, color=False)
+
+
 def _lines_shown(hits: list[Hit]) -> dict[int, str]:
     # Contexts overlap and follow one another: merged, each line once, in order.
     lines: dict[int, str] = {}
@@ -251,10 +261,8 @@ class Printer:
                 totals.searching += searched
                 block = json_records(shown(path), hits, self.query, self.read(path), totals, searched)
             else:
-                if mode == "files":
-                    block = f"{shown(path)}\n"
-                elif mode == "count":
-                    block = f"{shown(path)}:{len(hits)}\n"
+                if mode != "lines" or not (self.context or self.color):
+                    block = plain_block(mode, shown(path), hits, self.query)
                 else:
                     block = text_lines(
                         shown(path), hits, self.query, context=self.context, color=self.color

@@ -52,17 +52,39 @@ def file_chunks(
     ``with_last`` asks for each chunk's ``last`` flag. ``holding``, when given, is a text
     that every chunk let through holds (chunks without it may be left out as they are read).
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
+    read = lambda group, wanted, whole: layout.group_rows(db, group, wanted, whole, with_last, holding)
+    for group, rows in _selected_groups(db, layout, files, plan, keep, read):
+        found: dict[int, list[ReadChunk]] = {}
+        for rowid, start, end, text, last in rows:
+            found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
+        for row in group:
+            yield row, found.pop(row.id, [])
+
+
+def stored_groups(
+    db: Database, layout: ChunkLayout, files: Sequence[FileRow], plan: str | None, keep: Collection[int],
+) -> Iterator[tuple[list[FileRow], list[tuple]]]:
+    """As ``file_chunks`` in a layout that ``stores_frames``, a group at a time and undecoded:
+    the group's files (those with a chunk the plan lets through, or in ``keep``) and the rows
+    (row id, first line, last line, body, 0) of those chunks, in the files' order."""
+    read = lambda group, wanted, whole: layout.group_bodies(db, group, wanted, whole)
+    yield from _selected_groups(db, layout, files, plan, keep, read)
+
+
+def _selected_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):
     chunk_counts.check_totals(db, layout)
     if plan is None:
-        yield from _groups(db, layout, files, None, with_last, holding)
+        yield from _groups(files, None, read)
         return
     rowids = array("q", sorted(layout.matching_ids(db, plan)))
     with_chunks = {rowid // STRIDE for rowid in rowids}
     files = [row for row in files if row.id in with_chunks or row.id in keep]
-    yield from _groups(db, layout, files, rowids, with_last, holding)
+    yield from _groups(files, rowids, read)
 
 
-def _groups(db, layout: ChunkLayout, files, rowids: array | None, with_last: bool, holding: str | None):
+def _groups(files, rowids: array | None, read):
+    """The files in groups, each with what ``read(group, wanted, whole_files)`` gives for
+    the group's chunks."""
     group: list[FileRow] = []
     wanted: list[int] = []  # the group's chunk row ids, or its file ids for whole files
     for row in files:
@@ -74,19 +96,10 @@ def _groups(db, layout: ChunkLayout, files, rowids: array | None, with_last: boo
             wanted.extend(rowids[low:high])
         group.append(row)
         if len(wanted) >= _GROUP_CHUNKS or (rowids is None and len(group) >= _GROUP_FILES):
-            yield from _read_group(db, layout, group, wanted, rowids is None, with_last, holding)
+            yield group, read(group, wanted, rowids is None) if wanted else []
             group, wanted = [], []
     if group:
-        yield from _read_group(db, layout, group, wanted, rowids is None, with_last, holding)
-
-
-def _read_group(db, layout: ChunkLayout, group, wanted: list[int], whole_files: bool, with_last: bool, holding):
-    found: dict[int, list[ReadChunk]] = {}
-    if wanted:
-        for rowid, start, end, text, last in layout.group_rows(db, group, wanted, whole_files, with_last, holding):
-            found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
-    for row in group:
-        yield row, found.pop(row.id, [])
+        yield group, read(group, wanted, rowids is None) if wanted else []
 
 
 # Makes a ReadChunk without the Python-level constructor of a named tuple.

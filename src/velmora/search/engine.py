@@ -125,18 +125,7 @@ def _segmented(
     files are read from disk."""
     layout = db.layout
     planned = plan(query)
-    source: TextSource
-    source, reason = layouts.text_source(db, root, query.needle, query.case_sensitive)
-    on_disk: Collection[int] = frozenset()
-    if reason is None:
-        assert layout is not None
-        on_disk = layout.on_disk_ids(db)
-    if from_disk:
-        from velmora.index.freshness import DiskOverlay
-
-        disk = code_text.DiskText(root, query.needle, query.case_sensitive)
-        source = DiskOverlay(source, disk, from_disk)
-        on_disk = frozenset(on_disk) | frozenset(from_disk)
+    source, on_disk, reason = _sources(db, root, query, from_disk)
     texts: Iterable[tuple[FileRow, list[chunk_groups.ReadChunk]]]
     if reason is None:
         assert layout is not None
@@ -150,17 +139,12 @@ def _segmented(
     else:
         texts = ((row, []) for row in files)
     first_line = chunk_scan.first_line_finder(query, planned)
-    needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
-    line_matches = code_text.line_matches
 
     def per_file() -> Iterator[tuple[FileRow, list[ScannedSegment]]]:
         for row, chunks in texts:
             segments: list[ScannedSegment]
             if reason is not None or row.id in on_disk:
-                segments = [
-                    (first, lines, last, 0, line_matches(lines, needle, pattern, case_sensitive))
-                    for first, lines, last in source.segments(row.id, row.path)
-                ]
+                segments = _whole_segments(source, row, query)
             elif chunks:
                 segments = _chunk_segments(chunks, first_line, query, row.path, whole=with_last)
             else:
@@ -170,6 +154,78 @@ def _segmented(
                 yield row, segments
 
     return source, per_file(), reason
+
+
+class StoredGroup(NamedTuple):
+    """Files of a search, a group at a time: the group's files, the rows (row id, first line,
+    last line, body, 0) of the stored chunks of those read from the index, and the hits of
+    those read from disk, by file id."""
+
+    files: list[FileRow]
+    rows: list[tuple]
+    disk_hits: dict[int, list[Hit]]
+
+
+def stored_groups(
+    db: Database,
+    query: Query,
+    files: Sequence[FileRow],
+    *,
+    root: Path,
+    max_count: int | None = None,
+    from_disk: Collection[int] = frozenset(),
+) -> Iterator[StoredGroup] | None:
+    """The search's files with their chunks as stored, for a scan that decodes the bodies
+    itself; None when the layout does not store frames or every file is read from disk."""
+    layout = db.layout
+    if layout is None or not layout.stores_frames:
+        return None
+    source, on_disk, reason = _sources(db, root, query, from_disk)
+    if reason is not None:
+        return None
+    planned = plan(query)
+    groups = chunk_groups.stored_groups(db, layout, files, _trigram_query(db, layout, query, planned), on_disk)
+
+    def per_group() -> Iterator[StoredGroup]:
+        for group, rows in groups:
+            disk_hits = {
+                row.id: _file_hits(source, row, _whole_segments(source, row, query), 0, 0, max_count)
+                for row in group if row.id in on_disk
+            }
+            if disk_hits:
+                rows = [chunk for chunk in rows if chunk[0] // chunk_groups.STRIDE not in disk_hits]
+            yield StoredGroup(group, rows, disk_hits)
+
+    return per_group()
+
+
+def _sources(
+    db: Database, root: Path, query: Query, from_disk: Collection[int]
+) -> tuple[TextSource, Collection[int], str | None]:
+    """The source of whole files, the ids of the files read from disk (those the index keeps
+    there, and ``from_disk``), and why every file is read from disk (None if it isn't)."""
+    source: TextSource
+    source, reason = layouts.text_source(db, root, query.needle, query.case_sensitive)
+    on_disk: Collection[int] = frozenset()
+    if reason is None:
+        assert db.layout is not None
+        on_disk = db.layout.on_disk_ids(db)
+    if from_disk:
+        from velmora.index.freshness import DiskOverlay
+
+        disk = code_text.DiskText(root, query.needle, query.case_sensitive)
+        source = DiskOverlay(source, disk, from_disk)
+        on_disk = frozenset(on_disk) | frozenset(from_disk)
+    return source, on_disk, reason
+
+
+def _whole_segments(source: TextSource, row: FileRow, query: Query) -> list[ScannedSegment]:
+    """A file's segments as the source gives them, with their matches."""
+    needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
+    return [
+        (first, lines, last, 0, code_text.line_matches(lines, needle, pattern, case_sensitive))
+        for first, lines, last in source.segments(row.id, row.path)
+    ]
 
 
 def _trigram_query(db: Database, layout: ChunkLayout, query: Query, planned: Plan) -> str | None:

@@ -71,7 +71,7 @@ class Decoder:
         try:
             return self._decompress(body).decode("utf-8")
         except _DAMAGE as error:
-            raise _damaged(error) from None
+            raise damaged(error) from None
 
     def decode_many(self, bodies: list[Any], needle: bytes = b"") -> list[str | None]:
         """The texts of bodies as SQLite hands them, in order; None for a text whose UTF-8
@@ -87,7 +87,7 @@ class Decoder:
                 for data in map(self._decompress, bodies)
             ]
         except _DAMAGE as error:
-            raise _damaged(error) from None
+            raise damaged(error) from None
 
 
 def _dictionary(data: bytes) -> zstandard.ZstdCompressionDict | None:
@@ -99,5 +99,6 @@ def _dictionary(data: bytes) -> zstandard.ZstdCompressionDict | None:
 _DAMAGE = (zstandard.ZstdError, UnicodeDecodeError, TypeError, MemoryError)
 
 
-def _damaged(error: Exception) -> CodecError:
+def damaged(error: object) -> CodecError:
+    """The error for a body that cannot be read, and why."""
     return CodecError(f"a stored chunk cannot be read ({error})")

@@ -140,6 +140,17 @@ class ChunkLayout:
         """
         raise NotImplementedError
 
+    # Whether ``group_bodies`` gives the chunks' bodies as zstd frames of the index's
+    # dictionary, for a scan that decodes them itself.
+    stores_frames = False
+
+    def group_bodies(
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool
+    ) -> list[ChunkRow]:
+        """As ``group_rows``, each chunk's body as stored instead of its text (when
+        ``stores_frames``)."""
+        raise NotImplementedError
+
     def _group_statement(self, text: str, whole_files: bool, with_last: bool, condition: str = "") -> str:
         table, key = self.table, self.key
         if whole_files:
@@ -257,15 +268,24 @@ class Compressed(ChunkLayout):
             return None  # chunks written before their indexed texts ended in a line feed
         return lambda pair: chunk_store.pair_terms(db, pair)
 
-    def group_rows(
+    stores_frames = True
+
+    def group_bodies(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None,
-    ) -> Iterable[ChunkRow]:
+        with_last: bool = False,
+    ) -> list[ChunkRow]:
         statement = self._group_statement("c.body", whole_files, with_last)
         rows = db.fetchall(statement, (_json_ids(wanted),))
         # The text and the trigram index are separate tables, so a text row can go while its
         # entry stays.
         chunk_counts.check_read(db, group, None if whole_files else len(wanted), len(rows))
+        return rows
+
+    def group_rows(
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
+        with_last: bool, holding: str | None,
+    ) -> Iterable[ChunkRow]:
+        rows = self.group_bodies(db, group, wanted, whole_files, with_last)
         # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the
         # bytes, a chunk without it costs neither a str nor a row.
         needle = b"" if holding is None else holding.encode("utf-8")

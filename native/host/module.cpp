@@ -1,0 +1,63 @@
+// velmora.native: the host's own native code, beside the text module: the search of
+// stored chunks from compressed bodies to printed output, without the GIL.
+#include "host/state.hpp"
+
+namespace velmora::host {
+namespace {
+
+int exec_module(PyObject* module) {
+    NativeState* state = native_state(module);
+    state->dictionary_type = make_dictionary_type(module);
+    if (state->dictionary_type == nullptr ||
+        PyModule_AddObjectRef(module, "FrameDictionary", state->dictionary_type) < 0) {
+        return -1;
+    }
+    state->damaged_error = PyErr_NewExceptionWithDoc(
+        "velmora.native.DamagedChunk", "A stored chunk body is not what the codec wrote.",
+        PyExc_ValueError, nullptr);
+    if (state->damaged_error == nullptr ||
+        PyModule_AddObjectRef(module, "DamagedChunk", state->damaged_error) < 0) {
+        return -1;
+    }
+    Owned name(PyModule_GetNameObject(module));
+    Owned scan(name ? PyCMethod_New(&scan_chunks_def, module, name.get(), nullptr) : nullptr);
+    return scan ? PyModule_AddObjectRef(module, scan_chunks_def.ml_name, scan.get()) : -1;
+}
+
+int traverse_module(PyObject* module, visitproc visit, void* arg) {
+    NativeState* state = native_state(module);
+    Py_VISIT(state->dictionary_type);
+    Py_VISIT(state->damaged_error);
+    return 0;
+}
+
+int clear_module(PyObject* module) {
+    NativeState* state = native_state(module);
+    Py_CLEAR(state->dictionary_type);
+    Py_CLEAR(state->damaged_error);
+    return 0;
+}
+
+void free_module(void* module) { clear_module(static_cast<PyObject*>(module)); }
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
+    {0, nullptr},
+};
+
+PyModuleDef native_module = {
+    PyModuleDef_HEAD_INIT,
+    "native",
+    "The host's native code: chunks scanned from their compressed bodies to printed output.",
+    sizeof(NativeState),
+    nullptr,
+    module_slots,
+    traverse_module,
+    clear_module,
+    free_module,
+};
+
+}  // namespace
+}  // namespace velmora::host
+
+PyMODINIT_FUNC PyInit_native() { return PyModuleDef_Init(&velmora::host::native_module); }

@@ -1,0 +1,27 @@
+// The state of the host's native module, velmora.native, and what its files define.
+#pragma once
+
+#include "core/zstd_frames.hpp"
+#include "module/owned.hpp"
+
+namespace velmora::host {
+
+using py::Owned;
+
+struct NativeState {
+    PyObject* dictionary_type;  // FrameDictionary
+    PyObject* damaged_error;    // DamagedChunk
+};
+
+inline NativeState* native_state(PyObject* module) {
+    return static_cast<NativeState*>(PyModule_GetState(module));
+}
+
+// The FrameDictionary type; the core dictionary of an instance of it (null for another
+// object).
+PyObject* make_dictionary_type(PyObject* module);
+const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object);
+
+extern PyMethodDef scan_chunks_def;
+
+}  // namespace velmora::host

@@ -1,0 +1,20 @@
+"""The host's native code: chunks scanned from their compressed bodies to printed output."""
+
+from typing import Any, final
+
+class DamagedChunk(ValueError): ...
+
+@final
+class FrameDictionary:
+    def __new__(cls, data: bytes) -> FrameDictionary: ...
+
+def scan_chunks(
+    dictionary: FrameDictionary,
+    rows: list[tuple[Any, ...]],
+    files: list[tuple[int, str, bytes]],
+    stride: int,
+    needle: str,
+    case_sensitive: bool,
+    mode: str,
+    max_count: int | None,
+) -> tuple[list[tuple[int, bytes]], str | None]: ...

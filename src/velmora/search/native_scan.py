@@ -1,0 +1,98 @@
+"""A plain search printed straight from the compressed layout's chunk bodies: each group of
+chunks decoded, searched and printed in native code without the GIL, two groups at a time,
+the output kept in the files' order."""
+
+from __future__ import annotations
+
+from collections import deque
+from collections.abc import Callable, Collection, Iterator, Sequence
+from concurrent.futures import Future, ThreadPoolExecutor
+from pathlib import Path
+
+from velmora import native
+from velmora.output import printer
+from velmora.query.pattern import Query
+from velmora.search import engine
+from velmora.storage import chunk_store, codec
+from velmora.storage.database import Database
+from velmora.storage.file_rows import FileRow
+
+# One scan per core; the main thread reads the next group meanwhile.
+_THREADS = 2
+
+
+def handles(query: Query) -> bool:
+    """Whether the scan answers the query: a plain needle, ASCII when case is ignored."""
+    return query.pattern is None and (query.case_sensitive or (query.needle or "").isascii())
+
+
+def printed(
+    db: Database,
+    query: Query,
+    files: Sequence[FileRow],
+    *,
+    root: Path,
+    mode: str,
+    shown: Callable[[str], str],
+    encoding: str = "utf-8",
+    max_count: int | None = None,
+    from_disk: Collection[int] = frozenset(),
+) -> tuple[Iterator[bytes], str | None]:
+    """Each matching file's output in ``mode`` ("lines", "count" or "files"), encoded, in
+    the files' order, and why the files are read from disk (None if they aren't). The
+    output is the printer's for the same hits; ``encoding`` must be a UTF-8 one. ``root``
+    is the repository the index ``db`` belongs to."""
+    assert handles(query)
+    groups = engine.stored_groups(db, query, files, root=root, max_count=max_count, from_disk=from_disk)
+    if groups is None:
+        results, reason = engine.search(
+            db, query, files, root=root, max_count=max_count, from_disk=from_disk
+        )
+        blocks = (
+            printer.plain_block(mode, shown(path), hits, query).encode(encoding)
+            for path, hits in results
+        )
+        return blocks, reason
+    return _scanned(db, query, groups, mode, shown, encoding, max_count), None
+
+
+def _scanned(db, query: Query, groups, mode, shown, encoding, max_count) -> Iterator[bytes]:
+    assert db.layout is not None
+    dictionary = native.FrameDictionary(db.layout.dictionary(db))
+    needle, case_sensitive = query.needle or "", query.case_sensitive
+    pending: deque[tuple[engine.StoredGroup, Future]] = deque()
+    with ThreadPoolExecutor(_THREADS) as pool:
+        try:
+            for group in groups:
+                listed = [(row.id, row.path, shown(row.path).encode(encoding)) for row in group.files]
+                scan = pool.submit(
+                    native.scan_chunks, dictionary, group.rows, listed, chunk_store.CHUNK_STRIDE,
+                    needle, case_sensitive, mode, max_count,
+                )
+                pending.append((group, scan))
+                if len(pending) > _THREADS:
+                    yield from _merged(*pending.popleft(), query, mode, shown, encoding)
+            while pending:
+                yield from _merged(*pending.popleft(), query, mode, shown, encoding)
+        finally:
+            for _, scan in pending:
+                scan.cancel()
+
+
+def _merged(group: engine.StoredGroup, scan: Future, query, mode, shown, encoding) -> Iterator[bytes]:
+    """The group's output: the scan's, and that of the files read from disk, in order."""
+    try:
+        blocks, problem = scan.result()
+    except native.DamagedChunk as error:
+        raise codec.damaged(error) from None
+    if group.disk_hits:
+        at = {position: block for position, block in blocks}
+        for position, row in enumerate(group.files):
+            hits = group.disk_hits.get(row.id)
+            if hits:
+                at[position] = printer.plain_block(mode, shown(row.path), hits, query).encode(encoding)
+        blocks = sorted(at.items())
+    for _, block in blocks:
+        yield block
+    if problem is not None:
+        raise ValueError(problem)
