@@ -6,7 +6,14 @@ turns, warm cache; the table gives the median wall time of each, their ratio aga
 of the search-speed issue, the lines printed, and velmora's peak resident size (/usr/bin/time
 -v). The regex without a literal also runs as `git grep -P`, its other yardstick. The ratios
 are drawn as bench/search_ratios.png (matplotlib, from the bench extra).
+
+With --lines, the queries that every line of the corpus costs (a common word, a pair, bare
+regexes) run instead, with the CPU time (user + sys) of each command beside its wall time;
+--before SRC runs the command of another source tree (its src/, modules built) beside this
+one, for a before-and-after table in one interleaved run. The load average is printed with
+every table: the machine may be shared.
 Usage: bench_search.py [--corpus stdlib|large ...] [--layout L ...] [--repeats N] [--keep DIR]
+                       [--lines [--before SRC]]
 """
 
 from __future__ import annotations
@@ -37,21 +44,29 @@ QUERIES = [
     ("regex with a literal", [r"def \w+_cache\("], 0.5),
     ("regex without one", [r"\b[A-Z]{4,}\d\b"], None),
 ]
+# The line-by-line queries: label, flags and pattern as rg takes them.
+LINE_QUERIES = [
+    ("common literal", ["-F", "self"]),
+    ("two characters", ["-F", "ns"]),
+    ("regex, no literal", [r"[A-Z]{4}_[0-9]{3}\b"]),
+    ("regex with a literal", [r"def \w+_facts\("]),
+    ("-i, ASCII", ["-i", "-F", "textwrapper"]),
+]
 GIT_GREP_GOAL = 1.5  # the regex without a literal, against git grep -P
 STDLIB_GOAL = 1.5  # every query on the standard library
 
 
-def program_env() -> dict[str, str]:
+def program_env(source: Path = BENCH.parent) -> dict[str, str]:
     """The command's environment as an installed package has it: bytecode compiled once and
-    kept, output buffered."""
+    kept, output buffered; the package from ``source``."""
     env = {k: v for k, v in os.environ.items() if k not in ("PYTHONDONTWRITEBYTECODE", "PYTHONUNBUFFERED")}
-    env["PYTHONPATH"] = str(BENCH.parent / "src")
-    env["PYTHONPYCACHEPREFIX"] = str(Path(tempfile.gettempdir()) / "velmora-bench-pycache")
+    env["PYTHONPATH"] = str(source / "src")
+    env["PYTHONPYCACHEPREFIX"] = str(Path(tempfile.gettempdir()) / "velmora-bench-pycache" / source.name)
     return env
 
 
-def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, int, int]:
-    """Wall time, lines printed and peak resident size (MB) of one run."""
+def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, int, int, float]:
+    """Wall time, lines printed, peak resident size (MB) and CPU time (user + sys) of one run."""
     start = time.perf_counter()
     child = subprocess.Popen(
         ["/usr/bin/time", "-v", *argv], cwd=cwd, env=env,
@@ -61,22 +76,26 @@ def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, 
     report = child.stderr.read().decode(errors="replace")
     child.wait()
     elapsed = time.perf_counter() - start
-    peak = next(
-        (int(line.split()[-1]) for line in report.splitlines() if "Maximum resident" in line), 0
-    )
-    return elapsed, lines, peak // 1024
+    reported = {key.strip(): value.strip() for key, _, value in (line.partition(": ") for line in report.splitlines())}
+    peak = int(reported.get("Maximum resident set size (kbytes)", 0))
+    cpu = float(reported.get("User time (seconds)", 0)) + float(reported.get("System time (seconds)", 0))
+    return elapsed, lines, peak // 1024, cpu
 
 
-def medians(commands: list[tuple[list[str], dict | None]], cwd: Path, repeats: int) -> list[tuple[float, int, int]]:
-    """Per command: median wall time, lines printed, largest peak; the commands take turns."""
-    runs: list[list[tuple[float, int, int]]] = [[] for _ in commands]
+def medians(
+    commands: list[tuple[list[str], dict | None]], cwd: Path, repeats: int
+) -> list[tuple[float, int, int, float]]:
+    """Per command: median wall time, lines printed, largest peak, median CPU time; the
+    commands take turns."""
+    runs: list[list[tuple[float, int, int, float]]] = [[] for _ in commands]
     for turn in range(repeats + 1):  # the first turn warms the cache
         for k, (argv, env) in enumerate(commands):
             result = run(argv, cwd, env)
             if turn:
                 runs[k].append(result)
     return [
-        (statistics.median(r[0] for r in rs), rs[-1][1], max(r[2] for r in rs)) for rs in runs
+        (statistics.median(r[0] for r in rs), rs[-1][1], max(r[2] for r in rs), statistics.median(r[3] for r in rs))
+        for rs in runs
     ]
 
 
@@ -106,7 +125,12 @@ def main() -> None:
     parser.add_argument("--layout", action="append", choices=("compressed", "code_chunks"))
     parser.add_argument("--repeats", type=int, default=5)
     parser.add_argument("--keep", type=Path, help="keep the indexed copies here, for later runs")
+    parser.add_argument("--lines", action="store_true", help="the line-by-line queries, with CPU time")
+    parser.add_argument("--before", type=Path, help="with --lines: the source tree to compare with")
     args = parser.parse_args()
+    if args.lines:
+        line_table(args)
+        return
     work = args.keep or Path(tempfile.mkdtemp(prefix="velmora-bench-"))
     env = program_env()
     rg, git = shutil.which("rg"), shutil.which("git")
@@ -127,7 +151,7 @@ def main() -> None:
                     ]
                     if goal is None:
                         commands.append(([git, "grep", "-n", "--column", "-P", flags[-1]], None))
-                    (ours, lines, peak), (theirs, their_lines, _), *grep = medians(
+                    (ours, lines, peak, _), (theirs, their_lines, _, _), *grep = medians(
                         commands, tree, args.repeats
                     )
                     goal = STDLIB_GOAL if corpus == "stdlib" else goal
@@ -144,6 +168,36 @@ def main() -> None:
         if not args.keep:
             shutil.rmtree(work, ignore_errors=True)
     chart(ratios)
+
+
+def line_table(args: argparse.Namespace) -> None:
+    """The line-by-line queries: velmora (and the tree --before) beside rg, wall and CPU."""
+    work = args.keep or Path(tempfile.mkdtemp(prefix="velmora-bench-"))
+    env = program_env()
+    rg = shutil.which("rg")
+    assert rg, "rg is needed"
+    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server"]
+    programs = [("velmora", env)] + ([("before", program_env(args.before.resolve()))] if args.before else [])
+    print(f"load average {os.getloadavg()[0]:.2f}, {os.cpu_count()} cores; wall s (CPU s), "
+          f"median of {args.repeats}; ratios are wall ÷ rg wall")
+    print(f"{'corpus':<7} {'query':<21} " + " ".join(f"{name:>15}" for name, _ in programs)
+          + f" {'rg':>15} " + " ".join(f"{'÷ rg ' + name:>14}" for name, _ in programs) + f"  {'lines':>15}  peak MB")
+    try:
+        for corpus in args.corpus or ["stdlib", "large"]:
+            for layout in args.layout or ["compressed"]:
+                tree = indexed_copy(corpus, layout, work, env)
+                for label, flags in LINE_QUERIES:
+                    commands = [([*velmora, *flags[:-1], "--", flags[-1]], e) for _, e in programs]
+                    commands.append(([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None))
+                    *ours, theirs = medians(commands, tree, args.repeats)
+                    times = " ".join(f"{wall:6.2f} ({cpu:5.2f})" for wall, _, _, cpu in [*ours, theirs])
+                    ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
+                    print(f"{corpus:<7} {label:<21} {times} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
+                          f"{ours[0][2]}", flush=True)
+        print(f"load average {os.getloadavg()[0]:.2f}")
+    finally:
+        if not args.keep:
+            shutil.rmtree(work, ignore_errors=True)
 
 
 def chart(ratios: dict[str, list[float]]) -> None:

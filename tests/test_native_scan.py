@@ -7,6 +7,7 @@ import shutil
 import sqlite3
 import subprocess
 from contextlib import closing
+from functools import partial
 from pathlib import Path
 
 import pytest
@@ -15,7 +16,7 @@ from hypothesis import assume, given
 from hypothesis import strategies as st
 
 import model
-from strategies import SPECIAL, lines, needles
+from strategies import lines, needles
 from velmora import native
 from velmora.api import Repository
 from velmora.index import build as indexer
@@ -99,7 +100,7 @@ def test_damage_is_named_as_the_host_names_it(chunks, needle, case_sensitive, an
     ok = (10 * STRIDE, 1, 1, body(needle), 0)  # a file before, which prints first
     rows = [ok] + [(11 * STRIDE + k, first, last, data, 0) for k, (first, last, data) in enumerate(chunks)]
     listed = [(10, "ok", b"ok"), (11, "f0", b"f0")]
-    scan = lambda: native.scan_chunks(NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, "files", None)
+    scan = partial(native.scan_chunks, NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, "files", None)
     if isinstance(answer, type):
         with pytest.raises(answer):
             scan()

@@ -5,6 +5,7 @@ from __future__ import annotations
 from array import array
 from bisect import bisect_left
 from collections.abc import Collection, Iterator, Sequence
+from functools import partial
 from typing import NamedTuple
 
 from velmora.storage import chunk_counts, chunk_store
@@ -52,7 +53,7 @@ def file_chunks(
     ``with_last`` asks for each chunk's ``last`` flag. ``holding``, when given, is a text
     that every chunk let through holds (chunks without it may be left out as they are read).
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
-    read = lambda group, wanted, whole: layout.group_rows(db, group, wanted, whole, with_last, holding)
+    read = partial(layout.group_rows, db, with_last=with_last, holding=holding)
     for group, rows in _selected_groups(db, layout, files, plan, keep, read):
         found: dict[int, list[ReadChunk]] = {}
         for rowid, start, end, text, last in rows:
@@ -67,8 +68,7 @@ def stored_groups(
     """As ``file_chunks`` in a layout that ``stores_frames``, a group at a time and undecoded:
     the group's files (those with a chunk the plan lets through, or in ``keep``) and the rows
     (row id, first line, last line, body, 0) of those chunks, in the files' order."""
-    read = lambda group, wanted, whole: layout.group_bodies(db, group, wanted, whole)
-    yield from _selected_groups(db, layout, files, plan, keep, read)
+    yield from _selected_groups(db, layout, files, plan, keep, partial(layout.group_bodies, db))
 
 
 def _selected_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):

@@ -86,7 +86,7 @@ def _merged(group: engine.StoredGroup, scan: Future, query, mode, shown, encodin
     except native.DamagedChunk as error:
         raise codec.damaged(error) from None
     if group.disk_hits:
-        at = {position: block for position, block in blocks}
+        at = dict(blocks)
         for position, row in enumerate(group.files):
             hits = group.disk_hits.get(row.id)
             if hits:
