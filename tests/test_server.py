@@ -34,15 +34,26 @@ def matches(found: list[dict]) -> list[tuple[str, int]]:
 
 def test_search_streams_rg_records_up_to_the_limit(server):
     base, first, second = server
-    found = records(base, q="needle", context=1)
+    found = records(base, q="needle", context=1, repo=first.name)
     assert [r["type"][0] for r in found] == list("bcmccmebmes")  # begin, context, match...
     assert found[2]["data"]["submatches"] == [
         {"match": {"text": "needle"}, "start": 4, "end": 10}]
     assert found[-1]["data"]["stats"]["matches"] == 3
-    summary = records(base, q="needle", limit=2)[-1]["data"]
+    summary = records(base, q="needle", limit=2, repo=first.name)[-1]["data"]
     assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
         first.name, 2, True)
     assert matches(records(base, q="needle", repo=second)) == [("only.txt", 1)]
+    # Without repo=, every repository answers in turn, under one limit; each record names its own.
+    every = [("app.py", 3), ("app.py", 6), ("lib/util.txt", 1), ("only.txt", 1)]
+    for limit in (2, 3, 4, 5):
+        found = records(base, q="needle", limit=limit)
+        assert matches(found) == every[:limit]
+        assert {r["data"].get("repo") for r in found[:-1]} <= {first.name, second}
+        assert [r["data"]["repo"] for r in found if r["type"] == "match"][-1:] == [
+            second if limit >= 4 else first.name]
+        summary = found[-1]["data"]
+        assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
+            None, min(limit, 4), limit <= 4)
     status = json.loads(get(base + "api/status")[1])["repositories"]
     assert [repo["name"] for repo in status] == [first.name, second]
 
@@ -57,7 +68,7 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     ({"q": "os -/def/"}, []),
 ])
 def test_options(server, params, lines):
-    assert matches(records(server[0], **params)) == lines
+    assert matches(records(server[0], repo=server[1].name, **params)) == lines
 
 
 def test_file_text_only_for_indexed_paths(server):
@@ -82,7 +93,7 @@ def test_file_text_only_for_indexed_paths(server):
 def test_bad_requests_get_a_reason(server, params, reason):
     status, body = get(server[0] + "api/search", **params)
     assert 400 <= status < 500 and reason in json.loads(body)["error"]
-    assert len(matches(records(server[0], q="needle"))) == 3  # and it goes on
+    assert len(matches(records(server[0], q="needle", repo=server[1].name))) == 3  # and it goes on
 
 
 def hold_the_index(root):
@@ -114,4 +125,5 @@ def test_every_answer_follows_the_files(server):
     held: list = []
     for change, paths in steps:
         change()
-        assert {path for path, _ in matches(records(base, q="needle"))} == {"app.py", *paths}
+        found = matches(records(base, q="needle", repo=root.name))
+        assert {path for path, _ in found} == {"app.py", *paths}

@@ -23,6 +23,11 @@ class Stats:
         self.files_searched = self.bytes_searched = self.bytes_printed = 0
         self.searching = 0.0  # seconds spent in the search itself, output aside
 
+    def add(self, other: Stats) -> None:
+        """Count another search's figures into these."""
+        for name, value in vars(other).items():
+            setattr(self, name, getattr(self, name) + value)
+
     def report(self, elapsed: float) -> str:
         return (
             f"\n{self.matches} matches\n{self.matched_lines} matched lines\n"
@@ -141,14 +146,16 @@ def _highlight(query: Query, line: str) -> str:
 
 def json_records(
     shown_path: str, hits: list[Hit], query: Query, data: bytes | None, totals: Stats,
-    elapsed: float = 0.0,
+    elapsed: float = 0.0, repo: str | None = None,
 ) -> str:
     """One file's results as rg's JSON lines (begin, match and context, end), counted into
     ``totals``. ``data``, the file's bytes, gives each line's offset and line ending; without
-    it the offset is null and the ending a line feed. Offsets and spans count bytes."""
+    it the offset is null and the ending a line feed. Offsets and spans count bytes. With
+    ``repo``, each record's data names that repository first."""
     from json.encoder import encode_basestring as quoted
 
-    path = f'{{"path":{{"text":{quoted(shown_path)}}}'
+    named = "{" if repo is None else f'{{"repo":{quoted(repo)},'
+    path = f'{named}"path":{{"text":{quoted(shown_path)}}}'
     parts: list[str] = []
     starts: list[int] = []
     if data is not None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
 from contextlib import asynccontextmanager
+from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -22,9 +23,10 @@ from velmora.index import status
 from velmora.output import printer as output
 from velmora.serve import params
 from velmora.serve.headers import SecurityHeaders
-from velmora.serve.params import BadRequest
+from velmora.serve.params import BadRequest, Search
 from velmora.serve.resident import Resident
-from velmora.serve.watching import WatchedTree, names
+from velmora.serve.params import names
+from velmora.serve.watching import WatchedTree
 from velmora.serve.worker import FileText, Finished, Lines, Refused, Reply
 
 # A search still running after this long is stopped (its worker is replaced) so that one
@@ -51,17 +53,42 @@ def create_app(
         finally:
             await resident.stop()
 
+    async def answers(wanted: Search) -> AsyncGenerator[Reply, None]:
+        """The replies of each repository the search asks, one after the other, under one
+        limit, then one Finished that counts them all."""
+        every = range(len(trees)) if wanted.repo is None else [wanted.repo]
+        totals, elapsed, reasons, left = output.Stats(), 0.0, [], wanted.limit
+        for number in every:
+            one = replace(wanted, repo=number, limit=left, fresh=await resident.fresh(number))
+            answer = pool.answer(one, timeout)
+            try:
+                async for reply in answer:
+                    if not isinstance(reply, Finished):
+                        yield reply
+                        if isinstance(reply, Refused):
+                            return
+                        continue
+                    totals.add(reply.stats)
+                    elapsed += reply.elapsed
+                    reasons += [reply.reason] if reply.reason else []
+                    counted = reply.stats
+                    left -= counted.files_with_matches if wanted.parsed.lists_files else counted.matched_lines
+            finally:
+                await answer.aclose()
+            if left <= 0:
+                break
+        yield Finished(totals, elapsed, left <= 0, "; ".join(reasons) or None)
+
     async def search(request: Request) -> Response:
         wanted = params.search(request, shown)
-        wanted.fresh = await resident.fresh(wanted.repo)
-        answer = pool.answer(wanted, timeout)
+        answer = answers(wanted)
         first = await anext(answer)
         if isinstance(first, Refused):
             await answer.aclose()
             return _refusal(first.reason, first.status)
         # The first reply came before any header was sent, so a bad glob still gets a 400;
         # the rest is streamed as the worker finds it.
-        body = _stream(shown[wanted.repo], first, answer)
+        body = _stream(None if wanted.repo is None else shown[wanted.repo], first, answer)
         return StreamingResponse(body, media_type="application/x-ndjson")
 
     async def file(request: Request) -> Response:
@@ -100,7 +127,7 @@ def create_app(
 
 
 async def _stream(
-    name: str, first: Reply, answer: AsyncGenerator[Reply, None]
+    name: str | None, first: Reply, answer: AsyncGenerator[Reply, None]
 ) -> AsyncIterator[str]:
     reply: Reply | None = first
     try:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 from dataclasses import dataclass
+from pathlib import Path
 from typing import Any, NamedTuple
 
 from starlette.requests import Request
@@ -26,7 +27,7 @@ class BadRequest(Exception):
 class Search:
     """One search as a request asks for it, checked."""
 
-    repo: int
+    repo: int | None  # None: every repository, their answers one after the other
     parsed: language.Parsed
     query: Query  # finds the matches within the lines shown
     globs: list[str]
@@ -44,6 +45,15 @@ class FileRequest(NamedTuple):
 
     repo: int
     path: str
+
+
+def names(roots: Sequence[Path]) -> list[str]:
+    """Each repository's name in URLs: its directory's name, numbered where two clash."""
+    found: list[str] = []
+    for root in roots:
+        name = root.name or "root"
+        found.append(name if name not in found else f"{name}-{len(found) + 1}")
+    return found
 
 
 def repo_number(request: Request, names: Sequence[str]) -> int:
@@ -76,8 +86,9 @@ def search(request: Request, names: Sequence[str]) -> Search:
         file_types.matcher(types)
     except file_types.UnknownType as error:
         raise BadRequest(str(error)) from None
+    every = len(names) > 1 and not params.get("repo")
     return Search(
-        repo_number(request, names), parsed, parsed.shown_query(), [glob for glob in params.getlist("glob") if glob],
+        None if every else repo_number(request, names), parsed, parsed.shown_query(), [glob for glob in params.getlist("glob") if glob],
         types, _number(params, "before", context, MAX_CONTEXT),
         _number(params, "after", context, MAX_CONTEXT),
         _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),

@@ -121,11 +121,3 @@ def _identity(path: Path) -> tuple[int, int] | None:
         return None
     return info.st_dev, info.st_ino
 
-
-def names(roots: list[Path]) -> list[str]:
-    """Each repository's name in URLs: its directory's name, numbered where two clash."""
-    found: list[str] = []
-    for root in roots:
-        name = root.name or "root"
-        found.append(name if name not in found else f"{name}-{len(found) + 1}")
-    return found

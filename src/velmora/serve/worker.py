@@ -15,7 +15,7 @@ from velmora.output import printer as output
 from velmora.query.pattern import QueryError
 from velmora.serve import remote_search
 from velmora.serve.remote_search import CommandSearch, Exited, Output
-from velmora.serve.params import FileRequest, Search
+from velmora.serve.params import FileRequest, Search, names
 from velmora.storage import schema
 
 
@@ -61,6 +61,7 @@ PARTIAL = (Lines, Output)
 def work(conn: Connection, roots: Sequence[Path]) -> None:
     threading.Thread(target=_exit_with, args=(os.getppid(),), daemon=True).start()
     indexes = OpenIndexes(roots)
+    shown = names(roots)
     conn.send(Ready())
     while True:
         try:
@@ -72,7 +73,8 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
             if isinstance(request, CommandSearch):
                 remote_search.answer(conn, repos, request.fields, request.fresh)
             elif isinstance(request, Search):
-                _search_into(conn, repos, request)
+                assert request.repo is not None  # the server asks each repository in turn
+                _search_into(conn, repos[request.repo], shown[request.repo], request)
             else:
                 _file_into(conn, repos, request)
         except (QueryError, ValueError) as error:  # a bad glob, say
@@ -127,13 +129,13 @@ def _file_into(conn: Connection, repos: list[Repository], request: FileRequest) 
         conn.send(Refused(404, "no such indexed file"))
 
 
-def _search_into(conn: Connection, repos: list[Repository], search: Search) -> None:
+def _search_into(conn: Connection, repo: Repository, name: str, search: Search) -> None:
     started = time.perf_counter()
     # Freshness is the server's concern (it watches the trees and refreshes before
     # dispatching): workers only read, unless the server could not write the index.
-    results, reason = repos[search.repo].search(
+    results, reason = repo.search(
         search.parsed, globs=search.globs, types=search.types, before=search.before,
-        after=search.after, refresh=not search.fresh,
+        after=search.after, refresh=not search.fresh, name=name,
     )
     totals = output.Stats()
     # A query of fields alone lists files without lines: the limit counts those.
@@ -141,7 +143,7 @@ def _search_into(conn: Connection, repos: list[Repository], search: Search) -> N
     shown = 0
     for path, hits in results:
         hits = hits[: search.limit - totals.matched_lines]
-        conn.send(Lines(output.json_records(path, hits, search.query, None, totals)))
+        conn.send(Lines(output.json_records(path, hits, search.query, None, totals, repo=name)))
         shown = totals.files_with_matches if files_only else totals.matched_lines
         if shown >= search.limit:
             break

@@ -55,8 +55,9 @@ function highlighted(text, submatches) {
   return fragment;
 }
 
-function fileLink(state, path, line) {
+function fileLink(state, repo, path, line) {
   const link = new URLSearchParams(state);
+  link.set("repo", repo);
   link.set("path", path);
   link.set("line", line);
   return "?" + link;
@@ -93,7 +94,8 @@ async function runSearch(state) {
     if (record.type === "begin") {
       section = el("section", "file");
       const heading = el("h2");
-      heading.append(el("span", "", data.path.text), el("span", "count", ""));
+      const where = state.has("repo") || $("repo").hidden ? "" : `${data.repo}: `;
+      heading.append(el("span", "", where + data.path.text), el("span", "count", ""));
       lines = el("div", "lines");
       section.append(heading, lines);
       results.append(section);
@@ -103,7 +105,7 @@ async function runSearch(state) {
       if (lastLine && data.line_number > lastLine + 1) lines.append(el("span", "gap", "⋯"));
       lastLine = data.line_number;
       const row = el("a", record.type);
-      row.href = fileLink(state, data.path.text, data.line_number);
+      row.href = fileLink(state, data.repo, data.path.text, data.line_number);
       row.dataset.path = data.path.text;
       row.dataset.line = data.line_number;
       const text = data.lines.text.replace(/\n$/, "");
@@ -117,7 +119,7 @@ async function runSearch(state) {
     } else if (record.type === "summary") {
       finished = true;
       const limited = data.limited ? ` (stopped at ${LIMIT})` : "";
-      setSummary(`${counted(data.stats.matches, "match")}${limited} in ${counted(data.stats.searches_with_match, "file")} · ${data.repo}` + (data.reason ? ` · ${data.reason}` : ""));
+      setSummary(`${counted(data.stats.matches, "match")}${limited} in ${counted(data.stats.searches_with_match, "file")} · ${data.repo ?? "every repository"}` + (data.reason ? ` · ${data.reason}` : ""));
     } else if (record.type === "error") {
       finished = true;
       setSummary(data.message, true);
@@ -216,6 +218,7 @@ window.addEventListener("popstate", render);
 
 fetch("api/status").then((response) => response.json()).then((status) => {
   const wanted = new URLSearchParams(location.search).get("repo");
+  $("repo").append(new Option("every repository", "", false, !wanted));
   for (const repo of status.repositories) $("repo").append(new Option(repo.name, repo.name, false, repo.name === wanted));
   $("repo").hidden = status.repositories.length < 2;
 });
