@@ -15,12 +15,13 @@ from __future__ import annotations
 import os
 import zlib
 from collections.abc import Callable, Iterator, Sequence
+from functools import partial
 from pathlib import Path
 from types import TracebackType
 from typing import TypeVar
 
 from velmora.query import file_types
-from velmora.storage import chunk_counts, schema
+from velmora.storage import chunk_counts, schema, symbol_store
 from velmora.index import freshness
 from velmora.storage.database import Database
 from velmora.query.language import Parsed
@@ -116,6 +117,7 @@ class Repository:
         max_count: int | None = None,
         refresh: bool = True,
         name: str | None = None,
+        relevance: bool = False,
     ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
         """The matches file by file (paths relative to the root, sorted), and why the files
         were read from disk (None when they weren't).
@@ -128,26 +130,44 @@ class Repository:
         files and directories, relative to the root; ``types`` to files of those types by
         name, as rg knows them ("py"; "!py" excludes); ``before``/``after`` add context
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
-        changed since the index was written are taken as they are now.
+        changed since the index was written are taken as they are now. With ``relevance``
+        the files come best first (``search.ranking``), once all are found.
         """
         if isinstance(query, Parsed):
             from velmora.search.evaluate import evaluate
 
             parsed, repo = query, name or self.root.name
-            return self._searched(
+            results, reason = self._searched(
                 lambda files, from_disk: evaluate(
                     self._db, parsed, files, root=self.root, repo=repo, from_disk=from_disk,
                     before=before, after=after, max_count=max_count,
                 ),
                 globs, paths, types, refresh,
             )
-        return self._searched(
-            lambda files, from_disk: search(
-                self._db, query, files, root=self.root, before=before, after=after,
-                max_count=max_count, from_disk=from_disk,
-            ),
-            globs, paths, types, refresh,
-        )
+        else:
+            results, reason = self._searched(
+                lambda files, from_disk: search(
+                    self._db, query, files, root=self.root, before=before, after=after,
+                    max_count=max_count, from_disk=from_disk,
+                ),
+                globs, paths, types, refresh,
+            )
+        if relevance:
+            shown = query.shown_query() if isinstance(query, Parsed) else query
+            results = self._ranked(results, shown)
+        return results, reason
+
+    def _ranked(
+        self, results: Iterator[tuple[str, list[Hit]]], query: Query
+    ) -> Iterator[tuple[str, list[Hit]]]:
+        from velmora.search.ranking import ranked
+
+        yield from ranked(results, query, partial(symbol_store.outline, self._db))
+
+    def outline(self, path: str) -> list[tuple[str, str, int, str | None]]:
+        """The definitions an indexed file makes, in the order of its lines, as (name, kind,
+        line, scope)."""
+        return symbol_store.outline(self._db, path)
 
     def matching_lines(
         self,

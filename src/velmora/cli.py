@@ -173,6 +173,9 @@ def _search_code_options(code: argparse.ArgumentParser) -> None:
                       help="at most N matching lines per file")
     code.add_argument("--stats", action="store_true",
                       help="print what the search found and did, on standard error")
+    code.add_argument("--sort", choices=("path", "relevance"), default="path",
+                      help="the order of the files: by path, or best first (a definition of "
+                      "what is looked for, a match in the file's name, whole words, short paths)")
     code.add_argument("--no-refresh", dest="refresh", action="store_false",
                       help="search the index as it is, without taking in files changed since")
     code.add_argument("--color", choices=("auto", "always", "never"), default="auto",
@@ -349,9 +352,13 @@ def _search(args: argparse.Namespace) -> int:
     under = [prefix for _, prefix in limits]
     context = bool(args.before or args.after)
     color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
+    # A pattern's files in path order need no object per file: the fast paths below.
+    streamed = asked is query and args.sort == "path"
     # Plain lines, counts and file names print straight from the matched lines, without an
     # object per match; a case-ignoring needle's columns need the per-match path.
-    plain = asked is query and not (context or color or args.stats or args.max_count is not None) and (
+    plain = streamed and not (
+        context or color or args.stats or args.max_count is not None
+    ) and (
         args.mode in ("count", "files")
         or args.mode == "lines" and (query.pattern is not None or query.case_sensitive)
     )
@@ -363,14 +370,15 @@ def _search(args: argparse.Namespace) -> int:
         opened, args.refresh = nullcontext(repository), args.refresh and not fresh
     with opened as repo:
         limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
-        if asked is query and _native(query, args, context or color):
+        if streamed and _native(query, args, context or color):
             found = _print_native(repo, query, args, _shown(limits), limited)
         else:
             if plain:
                 runs, reason = repo.matching_lines(query, **limited)
             else:
                 results, reason = repo.search(
-                    asked, before=args.before, after=args.after, max_count=args.max_count, **limited
+                    asked, before=args.before, after=args.after, max_count=args.max_count,
+                    relevance=args.sort == "relevance", **limited
                 )
             if reason:
                 print(f"velmora: {reason}", file=sys.stderr)

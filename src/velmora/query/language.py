@@ -95,9 +95,10 @@ class Parsed:
 
     def shown_terms(self) -> list[Term]:
         """The terms whose lines are shown, those that are not negated: the file's text
-        that they match, and the definitions of sym: terms."""
+        that they match, and the definitions of sym: terms (under type:file, what they find
+        in names ranks the files)."""
         found: list[Term] = []
-        shown = ("content", "sym") if self.files_only else ("content", "sym", "text")
+        shown = ("content", "sym", "text")
 
         def walk(node: Node, negated: bool) -> None:
             if isinstance(node, Term):

@@ -59,9 +59,11 @@ def defining(db: Database, name: re.Pattern[str]) -> dict[int, list[tuple[int, s
     return {file_id: sorted(set(lines)) for file_id, lines in found.items()}
 
 
-def outline(db: Database, file_id: int) -> list[tuple[str, str, int, str | None]]:
-    """A file's definitions in the order of its lines, as (name, kind, line, scope)."""
+def outline(db: Database, path: str) -> list[tuple[str, str, int, str | None]]:
+    """The definitions of the file at ``path``, in the order of its lines, as (name, kind,
+    line, scope)."""
     return db.fetchall(
-        "SELECT name, kind, line, scope FROM symbols WHERE file_id = ? ORDER BY line, rowid",
-        (file_id,),
+        "SELECT name, kind, line, scope FROM symbols WHERE file_id = "
+        "(SELECT id FROM files WHERE path = ?) ORDER BY line, rowid",
+        (path,),
     )
