@@ -57,3 +57,17 @@ def test_search_open_a_file_and_go_back(page):
     driver.forward()
     driver.refresh()  # a shared link shows the same line
     assert wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "tr.target"))[0].text[:2] == "3 "
+
+
+def test_a_query_with_fields_opens_a_file_beside_its_outline(page):
+    driver, wait = page
+    box = driver.find_element(By.ID, "q")
+    box.clear()
+    box.send_keys("greet -file:\\.html$ lang:py")
+    wait.until(lambda d: "1 match in 1 file" in d.find_element(By.ID, "summary").text)
+    driver.find_element(By.CSS_SELECTOR, "a.match[data-path='main.py']").click()
+    wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "tr.target"))
+    outline = wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, "#outline a"))
+    assert [link.text for link in outline] == ["function greet"]
+    assert [row.text for row in driver.find_elements(By.CSS_SELECTOR, "tr.definition")] == [
+        "3 def greet(name):"]

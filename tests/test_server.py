@@ -34,7 +34,7 @@ def matches(found: list[dict]) -> list[tuple[str, int]]:
 
 def test_search_streams_rg_records_up_to_the_limit(server):
     base, first, second = server
-    found = records(base, q="needle", context=1, repo=first.name)
+    found = records(base, q="needle", context=1, repo=first.name, sort="path")
     assert [r["type"][0] for r in found] == list("bcmccmebmes")  # begin, context, match...
     assert found[2]["data"]["submatches"] == [
         {"match": {"text": "needle"}, "start": 4, "end": 10}]
@@ -43,10 +43,11 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
         first.name, 2, True)
     assert matches(records(base, q="needle", repo=second)) == [("only.txt", 1)]
-    # Without repo=, every repository answers in turn, under one limit; each record names its own.
+    # Without repo=, in path order: every repository in turn, under one limit; each record
+    # names its own.
     every = [("app.py", 3), ("app.py", 6), ("lib/util.txt", 1), ("only.txt", 1)]
     for limit in (2, 3, 4, 5):
-        found = records(base, q="needle", limit=limit)
+        found = records(base, q="needle", limit=limit, sort="path")
         assert matches(found) == every[:limit]
         assert {r["data"].get("repo") for r in found[:-1]} <= {first.name, second}
         assert [r["data"]["repo"] for r in found if r["type"] == "match"][-1:] == [
@@ -54,6 +55,13 @@ def test_search_streams_rg_records_up_to_the_limit(server):
         summary = found[-1]["data"]
         assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
             None, min(limit, 4), limit <= 4)
+    # Best first, the default: across the repositories (a definition, then shorter paths);
+    # the limit keeps the best.
+    begun = [(r["data"]["repo"], r["data"]["path"]["text"])
+             for r in records(base, q="needle") if r["type"] == "begin"]
+    assert begun == [(first.name, "app.py"), (second, "only.txt"), (first.name, "lib/util.txt")]
+    assert matches(records(base, q="needle", limit=3)) == every[:2] + [("only.txt", 1)]
+    assert matches(records(base, q="needle repo:^second")) == [("only.txt", 1)]
     status = json.loads(get(base + "api/status")[1])["repositories"]
     assert [repo["name"] for repo in status] == [first.name, second]
 
@@ -68,7 +76,7 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     ({"q": "os -/def/"}, []),
 ])
 def test_options(server, params, lines):
-    assert matches(records(server[0], repo=server[1].name, **params)) == lines
+    assert matches(records(server[0], repo=server[1].name, sort="path", **params)) == lines
 
 
 def test_file_text_only_for_indexed_paths(server):
@@ -87,6 +95,7 @@ def test_file_text_only_for_indexed_paths(server):
     ({"q": "a", "limit": "0"}, "limit must be"),
     ({"q": "a", "case": "maybe"}, "case must be"),
     ({"q": "a", "repo": "nowhere"}, "no such repository"),
+    ({"q": "a", "sort": "size"}, "sort must be"),
     ({"q": "a", "type": "nonesuch"}, "unrecognized file type"),
     ({"q": r"(a+)+(?=\d)"}, "stopped"),  # runs for ever on slow.txt, which RE2 lets through
 ])

@@ -23,11 +23,6 @@ class Stats:
         self.files_searched = self.bytes_searched = self.bytes_printed = 0
         self.searching = 0.0  # seconds spent in the search itself, output aside
 
-    def add(self, other: Stats) -> None:
-        """Count another search's figures into these."""
-        for name, value in vars(other).items():
-            setattr(self, name, getattr(self, name) + value)
-
     def report(self, elapsed: float) -> str:
         return (
             f"\n{self.matches} matches\n{self.matched_lines} matched lines\n"

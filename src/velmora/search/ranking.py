@@ -19,11 +19,19 @@ def ranked(
 ) -> list[tuple[str, list[Hit]]]:
     """``results`` best first; ``outline`` gives a file's definitions as (name, kind, line,
     scope), ``query`` finds what was looked for in a line or a name."""
+    return sorted(results, key=sort_key(query, outline))
+
+
+def sort_key(
+    query: Query, outline: Outline
+) -> Callable[[tuple[str, list[Hit]]], tuple[bool, bool, bool, int, str]]:
+    """The key that sorts one repository's results best first; keys of several
+    repositories' results compare with one another."""
 
     def key(result: tuple[str, list[Hit]]) -> tuple[bool, bool, bool, int, str]:
         path, hits = result
         lines = {hit.line for hit in hits}
-        defines = hits and any(
+        defines = bool(hits) and any(
             line in lines and names(query, name) for name, _, line, _ in outline(path)
         )
         return (
@@ -34,7 +42,7 @@ def ranked(
             path,
         )
 
-    return sorted(results, key=key)
+    return key
 
 
 def finds(query: Query, text: str) -> bool:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
 from contextlib import asynccontextmanager
-from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -23,7 +22,7 @@ from velmora.index import status
 from velmora.output import printer as output
 from velmora.serve import params
 from velmora.serve.headers import SecurityHeaders
-from velmora.serve.params import BadRequest, Search
+from velmora.serve.params import BadRequest
 from velmora.serve.resident import Resident
 from velmora.serve.params import names
 from velmora.serve.watching import WatchedTree
@@ -53,35 +52,11 @@ def create_app(
         finally:
             await resident.stop()
 
-    async def answers(wanted: Search) -> AsyncGenerator[Reply, None]:
-        """The replies of each repository the search asks, one after the other, under one
-        limit, then one Finished that counts them all."""
-        every = range(len(trees)) if wanted.repo is None else [wanted.repo]
-        totals, elapsed, reasons, left = output.Stats(), 0.0, [], wanted.limit
-        for number in every:
-            one = replace(wanted, repo=number, limit=left, fresh=await resident.fresh(number))
-            answer = pool.answer(one, timeout)
-            try:
-                async for reply in answer:
-                    if not isinstance(reply, Finished):
-                        yield reply
-                        if isinstance(reply, Refused):
-                            return
-                        continue
-                    totals.add(reply.stats)
-                    elapsed += reply.elapsed
-                    reasons += [reply.reason] if reply.reason else []
-                    counted = reply.stats
-                    left -= counted.files_with_matches if wanted.parsed.lists_files else counted.matched_lines
-            finally:
-                await answer.aclose()
-            if left <= 0:
-                break
-        yield Finished(totals, elapsed, left <= 0, "; ".join(reasons) or None)
-
     async def search(request: Request) -> Response:
         wanted = params.search(request, shown)
-        answer = answers(wanted)
+        numbers = range(len(shown)) if wanted.repo is None else [wanted.repo]
+        wanted.fresh = all([await resident.fresh(number) for number in numbers])
+        answer = pool.answer(wanted, timeout)
         first = await anext(answer)
         if isinstance(first, Refused):
             await answer.aclose()
@@ -100,8 +75,14 @@ def create_app(
         finally:
             await answer.aclose()
         if isinstance(reply, FileText):
-            return JSONResponse(
-                {"repo": shown[wanted.repo], "path": wanted.path, "text": reply.text})
+            symbols = [
+                {"name": name, "kind": kind, "line": line, "scope": scope}
+                for name, kind, line, scope in reply.symbols
+            ]
+            return JSONResponse({
+                "repo": shown[wanted.repo], "path": wanted.path, "text": reply.text,
+                "symbols": symbols,
+            })
         assert isinstance(reply, Refused), reply
         return _refusal(reply.reason, reply.status)
 

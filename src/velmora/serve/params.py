@@ -27,7 +27,7 @@ class BadRequest(Exception):
 class Search:
     """One search as a request asks for it, checked."""
 
-    repo: int | None  # None: every repository, their answers one after the other
+    repo: int | None  # None: every repository
     parsed: language.Parsed
     query: Query  # finds the matches within the lines shown
     globs: list[str]
@@ -35,6 +35,7 @@ class Search:
     before: int
     after: int
     limit: int
+    relevance: bool  # best first, rather than by path
     # Whether the server took in every change saved before the search; when it could not
     # write the index, the worker checks the files itself.
     fresh: bool = True
@@ -87,11 +88,15 @@ def search(request: Request, names: Sequence[str]) -> Search:
     except file_types.UnknownType as error:
         raise BadRequest(str(error)) from None
     every = len(names) > 1 and not params.get("repo")
+    order = params.get("sort", "relevance")
+    if order not in ("relevance", "path"):
+        raise BadRequest(f"sort must be relevance or path, not {order!r}")
     return Search(
-        None if every else repo_number(request, names), parsed, parsed.shown_query(), [glob for glob in params.getlist("glob") if glob],
+        None if every else repo_number(request, names), parsed, parsed.shown_query(),
+        [glob for glob in params.getlist("glob") if glob],
         types, _number(params, "before", context, MAX_CONTEXT),
         _number(params, "after", context, MAX_CONTEXT),
-        _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1),
+        _number(params, "limit", DEFAULT_LIMIT, MAX_LIMIT, low=1), order == "relevance",
     )
 
 

@@ -13,7 +13,7 @@ from typing import NamedTuple
 from velmora.api import Repository, RepositoryError
 from velmora.output import printer as output
 from velmora.query.pattern import QueryError
-from velmora.serve import remote_search
+from velmora.serve import every_repo, remote_search
 from velmora.serve.remote_search import CommandSearch, Exited, Output
 from velmora.serve.params import FileRequest, Search, names
 from velmora.storage import schema
@@ -39,9 +39,10 @@ class Finished(NamedTuple):
 
 
 class FileText(NamedTuple):
-    """The indexed text of one file."""
+    """The indexed text of one file, and its definitions as (name, kind, line, scope)."""
 
     text: str
+    symbols: list[tuple[str, str, int, str | None]]
 
 
 class Refused(NamedTuple):
@@ -73,8 +74,7 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
             if isinstance(request, CommandSearch):
                 remote_search.answer(conn, repos, request.fields, request.fresh)
             elif isinstance(request, Search):
-                assert request.repo is not None  # the server asks each repository in turn
-                _search_into(conn, repos[request.repo], shown[request.repo], request)
+                _search_into(conn, repos, shown, request)
             else:
                 _file_into(conn, repos, request)
         except (QueryError, ValueError) as error:  # a bad glob, say
@@ -124,26 +124,24 @@ def _exit_with(parent: int) -> None:
 
 def _file_into(conn: Connection, repos: list[Repository], request: FileRequest) -> None:
     try:
-        conn.send(FileText(repos[request.repo].indexed_text(request.path)))
+        repo = repos[request.repo]
+        conn.send(FileText(repo.indexed_text(request.path), repo.outline(request.path)))
     except (KeyError, ValueError):
         conn.send(Refused(404, "no such indexed file"))
 
 
-def _search_into(conn: Connection, repo: Repository, name: str, search: Search) -> None:
+def _search_into(
+    conn: Connection, repos: list[Repository], repo_names: list[str], search: Search
+) -> None:
     started = time.perf_counter()
-    # Freshness is the server's concern (it watches the trees and refreshes before
-    # dispatching): workers only read, unless the server could not write the index.
-    results, reason = repo.search(
-        search.parsed, globs=search.globs, types=search.types, before=search.before,
-        after=search.after, refresh=not search.fresh, name=name,
-    )
+    results, reason = every_repo.search(repos, repo_names, search)
     totals = output.Stats()
     # A query of fields alone lists files without lines: the limit counts those.
     files_only = search.parsed.lists_files
     shown = 0
-    for path, hits in results:
+    for repo, path, hits in results:
         hits = hits[: search.limit - totals.matched_lines]
-        conn.send(Lines(output.json_records(path, hits, search.query, None, totals, repo=name)))
+        conn.send(Lines(output.json_records(path, hits, search.query, None, totals, repo=repo)))
         shown = totals.files_with_matches if files_only else totals.matched_lines
         if shown >= search.limit:
             break

@@ -152,6 +152,7 @@ async function showFile(state) {
   back.delete("line");
   $("back").href = "?" + back;
   fileLines.replaceChildren();
+  $("outline").replaceChildren();
   const api = new URLSearchParams({ path });
   if (state.has("repo")) api.set("repo", state.get("repo"));
   const response = await fetch("api/file?" + api);
@@ -164,12 +165,27 @@ async function showFile(state) {
     row.append(el("td", "num", String(index + 1)), el("td", "", content));
     fileLines.append(row);
   });
+  showOutline(state, path, answer.symbols);
   const target = $(`L${line}`);
   if (target) {
     target.classList.add("target");
     target.scrollIntoView({ block: "center" });
   }
   $("back").focus({ preventScroll: true });
+}
+
+// The file's definitions beside it, each a link to its line, which is marked in the text.
+function showOutline(state, path, symbols) {
+  const outline = $("outline");
+  for (const symbol of symbols) {
+    const link = el("a");
+    link.href = fileLink(state, state.get("repo"), path, symbol.line);
+    link.style.paddingLeft = `${symbol.scope ? symbol.scope.split(/\.|::/).length : 0}em`;
+    link.append(el("span", "kind", `${symbol.kind} `), symbol.name);
+    outline.append(link);
+    const row = $(`L${symbol.line}`);
+    if (row) row.classList.add("definition");
+  }
 }
 
 function render() {
