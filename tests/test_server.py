@@ -124,12 +124,15 @@ def test_every_answer_follows_the_files(server):
          {"new.py", ".velmorarc", "pkg/deep/a.txt"}),
         (lambda: (write("built.txt"), cli.main(["index", "--rebuild", str(root)])),
          {"new.py", ".velmorarc", "pkg/deep/a.txt", "built.txt"}),
+        (lambda: (write("moved.txt"), cli.main(["index", "--layout", "code_chunks", str(root)])),
+         {"new.py", ".velmorarc", "pkg/deep/a.txt", "built.txt", "moved.txt"}),
         (lambda: (shutil.rmtree(root / ".velmora"), (root / "new.py").unlink()),
-         {".velmorarc", "pkg/deep/a.txt", "built.txt"}),
+         {".velmorarc", "pkg/deep/a.txt", "built.txt", "moved.txt"}),
         # A refresh that fails is not lost: the change is read from disk, then indexed.
         (lambda: (held.append(hold_the_index(root)), write("locked.txt")),
-         {".velmorarc", "pkg/deep/a.txt", "built.txt", "locked.txt"}),
-        (lambda: held.pop().close(), {".velmorarc", "pkg/deep/a.txt", "built.txt", "locked.txt"}),
+         {".velmorarc", "pkg/deep/a.txt", "built.txt", "moved.txt", "locked.txt"}),
+        (lambda: held.pop().close(),
+         {".velmorarc", "pkg/deep/a.txt", "built.txt", "moved.txt", "locked.txt"}),
     ]
     held: list = []
     for change, paths in steps:

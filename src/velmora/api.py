@@ -237,7 +237,7 @@ class Repository:
         stale = None
         if refresh:
             files, from_disk, stale = self._fresh(files)
-        unsafe = self._db.fetchall(_UNSAFE_PATH_SQL)
+        unsafe = self._db.kept("unsafe paths", lambda: self._db.fetchall(_UNSAFE_PATH_SQL))
         if unsafe:
             raise self._damaged(f"it holds the path {unsafe[0][0]!r}")
         return _limited(files, globs, paths, types), from_disk, stale
@@ -246,7 +246,7 @@ class Repository:
         self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
     ) -> list[tuple[str, int]]:
         """The indexed files that a search with these limits reads, as (path, size)."""
-        size = dict(self._db.fetchall("SELECT id, size FROM files"))
+        size = self._db.kept("sizes", lambda: dict(self._db.fetchall("SELECT id, size FROM files")))
         rows = _limited(select_files(self._db), globs, paths, types)
         return [(row.path, size[row.id]) for row in rows]
 

@@ -10,6 +10,7 @@ import sqlite3
 import sys
 from collections.abc import Callable, Sequence
 from contextlib import AbstractContextManager, nullcontext
+from functools import cache
 from pathlib import Path
 
 from velmora.storage import schema
@@ -80,6 +81,7 @@ def _index_problem(error: sqlite3.Error) -> str:
     return f"the index is damaged ({text}); run `velmora index --rebuild`"
 
 
+@cache  # a server's worker answers many searches
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="velmora", description="Index a repository and search its code.", formatter_class=_Formatter

@@ -47,7 +47,7 @@ def forward(argv: list[str]) -> int | None:
         tty = "1" if out.isatty() else "0"
         encoding = getattr(out, "encoding", None) or "utf-8"
         errors = getattr(out, "errors", None) or "strict"
-        sock.sendall(wire.request(["search", cwd, tty, encoding, errors, *argv]))
+        sock.sendall(wire.request(["search", wire.PACKAGE, cwd, tty, encoding, errors, *argv]))
         out.flush()
         while (answer := wire.read_frame(sock)) is not None:
             kind, payload = answer

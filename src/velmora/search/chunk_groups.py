@@ -72,7 +72,7 @@ def stored_groups(
 
 
 def _selected_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):
-    chunk_counts.check_totals(db, layout)
+    db.kept(("totals", layout.name), lambda: chunk_counts.check_totals(db, layout))
     if plan is None:
         yield from _groups(files, None, read)
         return

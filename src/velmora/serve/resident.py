@@ -127,8 +127,10 @@ class Resident:
                 started = "a search" if self.background else "velmora serve"
                 text = f"Server: process {os.getpid()} (started by {started}) answers searches\n"
                 writer.write(wire.frame(wire.OUT, text.encode()) + wire.frame(wire.EXIT, b"0"))
-            elif request[0] == "search":
-                await self._search(number, request[1:], reader, writer)
+            elif request[0] == "search" and request[1:2] == [wire.PACKAGE]:
+                await self._search(number, request[2:], reader, writer)
+            else:  # another velmora's search
+                writer.write(wire.frame(wire.FALLBACK, b""))
             await writer.drain()
         except (OSError, asyncio.IncompleteReadError):
             pass  # the client went away

@@ -21,6 +21,10 @@ ERR = b"e"  # bytes for standard error
 EXIT = b"x"  # the exit status, in ASCII digits: the answer is complete
 FALLBACK = b"f"  # the server does not answer this one: the command runs it itself
 
+# The velmora that a search comes from: a server of another (another checkout, or the one
+# before an upgrade) leaves the search to the command.
+PACKAGE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
 # sun_path holds 108 bytes; a longer path is reached through the directory's descriptor.
 _MAX_ADDRESS = 100
 

@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 import sqlite3
-from collections.abc import Iterator
+from collections.abc import Callable, Hashable, Iterator
 from contextlib import contextmanager
 from functools import cached_property
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, Sequence
+from typing import TYPE_CHECKING, Any, Sequence, TypeVar
 
 if TYPE_CHECKING:
     from velmora.storage.layouts import ChunkLayout
@@ -16,6 +16,8 @@ if TYPE_CHECKING:
 # one only while a writer holds the whole file (exclusive locking mode).
 BUSY_SECONDS = 5.0
 
+_T = TypeVar("_T")
+
 
 class Database:
     """One SQLite index database, opened on ``db_path``."""
@@ -23,6 +25,9 @@ class Database:
     def __init__(self, db_path: str | Path) -> None:
         self.db_path = Path(db_path)
         self.connection = sqlite3.connect(self.db_path, timeout=BUSY_SECONDS)
+        # What searches read of the whole index, kept while no other connection writes it.
+        self._kept: dict[Hashable, Any] | None = None
+        self._generation = -1
 
     @cached_property
     def layout(self) -> ChunkLayout | None:
@@ -40,9 +45,28 @@ class Database:
         lookups of the chunk-state probe cost a selective search more than it saves.)
         """
         self.connection.execute("PRAGMA query_only = 1")
+        self._kept = {}
+
+    def kept(self, key: Hashable, compute: Callable[[], _T]) -> _T:
+        """``compute()``, made once per generation of the index on a read-only connection
+        (every commit of another connection starts one): what each search reads of the whole
+        index (every file's row, the chunk-state probe, ...) is then shared by the searches
+        of a process that keeps the index open, a server's, and costs them nothing."""
+        if self._kept is None:
+            return compute()
+        generation = self.connection.execute("PRAGMA data_version").fetchone()[0]
+        if generation != self._generation:
+            self._kept.clear()
+            self.__dict__.pop("layout", None)  # a pass may have converted the index
+            self._generation = generation
+        if key not in self._kept:
+            self._kept[key] = compute()
+        return self._kept[key]
 
     def fetchone(self, sql: str) -> Any:
-        return self.connection.execute(sql).fetchone()
+        """The first row of a statement without parameters, which reads the whole index (the
+        module's chunk-state probe): kept for the generation."""
+        return self.kept(("fetchone", sql), lambda: self.connection.execute(sql).fetchone())
 
     def fetchall(self, sql: str, parameters: Sequence[Any] = ()) -> list[Any]:
         return self.connection.execute(sql, parameters).fetchall()

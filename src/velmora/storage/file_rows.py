@@ -21,4 +21,6 @@ class FileRow(NamedTuple):
 def select_files(db: Database) -> list[FileRow]:
     """Every indexed file, by path."""
     make = FileRow._make
-    return [make(row) for row in db.rows("SELECT id, path, language, NULL FROM files ORDER BY path")]
+    return list(db.kept("files", lambda: tuple(
+        make(row) for row in db.rows("SELECT id, path, language, NULL FROM files ORDER BY path")
+    )))
