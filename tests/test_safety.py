@@ -16,7 +16,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from velmora import api, cli
-from velmora.storage import database as db, schema
+from velmora.storage import database as db, file_rows, schema
 from velmora.utils.fsio import is_plain_relative
 
 BIG_JSON = "[\n" + ",\n".join(f'  "value {i}"' for i in range(3000)) + "\n]\n"
@@ -54,6 +54,7 @@ def repo(tmp_path: Path) -> Path:
     ["UPDATE meta SET value = 'soon' WHERE key = 'last_run_ns'"],
     ["UPDATE files SET path = '/etc/hostname' WHERE path = 'sub/data.json'"],
     ["UPDATE files SET path = '../outside.json' WHERE path = 'sub/data.json'"],
+    ["UPDATE files SET path = 'sub/../../outside.json' WHERE path = 'a.py'"],  # a file of chunks
     ["DELETE FROM code_chunks WHERE rowid = (SELECT max(rowid) FROM code_chunks WHERE rowid < 2097152)"],  # a.py's last
     ["DELETE FROM chunk_text WHERE id = (SELECT max(id) FROM chunk_text WHERE id < 2097152)"],
     ["UPDATE code_chunks SET start_line = start_line + 100"],  # lines past the file's end
@@ -130,4 +131,4 @@ def test_the_index_path_rule_is_one_rule(path):
     with sqlite3.connect(":memory:") as connection:
         connection.execute("CREATE TABLE files (path)")
         connection.execute("INSERT INTO files VALUES (?)", (path,))
-        assert bool(connection.execute(api._UNSAFE_PATH_SQL).fetchall()) != is_plain_relative(path)
+        assert bool(connection.execute(file_rows.UNSAFE_PATH_SQL).fetchall()) != is_plain_relative(path)

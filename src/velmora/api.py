@@ -27,7 +27,7 @@ from velmora.storage.database import Database
 from velmora.query.language import Parsed
 from velmora.query.pattern import Query, QueryError
 from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search
-from velmora.storage.file_rows import FileRow, select_files
+from velmora.storage.file_rows import FileRow, Files, Indexed, select_files
 from velmora.storage import layouts
 from velmora.utils.fsio import is_plain_relative
 
@@ -37,15 +37,6 @@ _T = TypeVar("_T")
 
 # What a value of the wrong type or shape in a tampered index raises as it is read.
 _DAMAGE = (zlib.error, UnicodeError, TypeError, ValueError, OverflowError)
-
-# The index's paths that fsio.is_plain_relative refuses, found by SQLite: a check in
-# Python would cost a call per indexed file on every search.
-_UNSAFE_PATH_SQL = (
-    "SELECT path FROM files WHERE typeof(path) != 'text' OR path = '' OR path GLOB '/*' "
-    "OR instr(path, char(0)) OR instr(path, '\\') "
-    "OR '/' || path || '/' GLOB '*/[.]/*' OR '/' || path || '/' GLOB '*/[.][.]/*' "
-    "OR '/' || path || '/' GLOB '*//*' LIMIT 1"
-)
 
 # What marks a repository's top directory, as git finds its own.
 _ROOT_MARKERS = (".velmora", ".git")
@@ -216,7 +207,7 @@ class Repository:
 
     def _searched(
         self,
-        run: Callable[[list[FileRow], set[int]], tuple[Iterator[_T], str | None]],
+        run: Callable[[Files, set[int]], tuple[Iterator[_T], str | None]],
         globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool,
     ) -> tuple[Iterator[_T], str | None]:
         try:
@@ -230,17 +221,14 @@ class Repository:
 
     def _files(
         self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool
-    ) -> tuple[list[FileRow], set[int], str | None]:
+    ) -> tuple[Files, set[int], str | None]:
         """The files to search, those of them to read from disk, and why."""
-        files = select_files(self._db)
-        from_disk: set[int] = set()
-        stale = None
+        def limit(files: list[FileRow]) -> list[FileRow]:
+            return _limited(files, globs, paths, types)
+
         if refresh:
-            files, from_disk, stale = self._fresh(files)
-        unsafe = self._db.kept("unsafe paths", lambda: self._db.fetchall(_UNSAFE_PATH_SQL))
-        if unsafe:
-            raise self._damaged(f"it holds the path {unsafe[0][0]!r}")
-        return _limited(files, globs, paths, types), from_disk, stale
+            return self._fresh(limit)
+        return Indexed(self._db, limit), set(), None
 
     def files(
         self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
@@ -262,8 +250,8 @@ class Repository:
         )
 
     def _fresh(
-        self, files: list[FileRow]
-    ) -> tuple[list[FileRow], set[int], str | None]:
+        self, limit: Callable[[list[FileRow]], list[FileRow]]
+    ) -> tuple[Files, set[int], str | None]:
         """The files to search as the tree is now, those to read from disk, and why."""
         changes = freshness.check(self._db, self.root)
         # While another pass writes the index (or after one was interrupted), it is left
@@ -274,27 +262,24 @@ class Repository:
         if not changes:
             if problem is None:
                 freshness.record_listing(self._db.db_path, changes)
-            return files, set(), None
+            return Indexed(self._db, limit), set(), None
         if problem is None:
             problem = (
                 freshness.update(self._db.db_path, self.root, changes) if self.updates_index
                 else "the server could not bring the index up to date"
             )
         if problem is None:
-            return select_files(self._db), set(), None
+            return Indexed(self._db, limit), set(), None
         readable = freshness.text_files(self.root, [*changes.changed.values(), *changes.added])
         changed = {i for i, path in changes.changed.items() if path in readable}
         gone = changes.removed | changes.changed.keys() - changed
         added = [path for path in changes.added if path in readable]
         # Files the index does not hold get ids no indexed file has.
-        files = [row for row in files if row.id not in gone] + [
-            FileRow(-1 - number, path, "text", None) for number, path in enumerate(added)
-        ]
-        files.sort(key=lambda row: row.path)
-        from_disk = changed | {-1 - number for number in range(len(added))}
+        rows = [FileRow(-1 - number, path, "text", None) for number, path in enumerate(added)]
+        from_disk = changed | {row.id for row in rows}
         changed_count = len(changes.changed) + len(changes.removed) + len(changes.added)
         note = f"{changed_count} file(s) changed since the index was written, taken from disk: "
-        return files, from_disk, note + problem
+        return Indexed(self._db, limit, gone, rows), from_disk, note + problem
 
     def indexed_text(self, path: str) -> str:
         """The text of an indexed file, its lines joined by "\\n"; a ``KeyError`` for a path

@@ -249,6 +249,7 @@ def _update(
             schema.set_meta(cursor, schema.PAIR_MARK, "1")
             # Every file is parsed again into the new layout; a size of -1 never matches.
             cursor.execute("UPDATE files SET size = -1, text_on_disk = 0, chunks = 0")
+        cursor.execute(schema.ON_DISK_INDEX_DDL)
         wanted.prepare_load(cursor, lambda: _samples(root, paths))
         wanted.set_bulk_load(cursor, bulk)
         schema.set_meta(cursor, schema.PASS_MARK, str(run_ns))

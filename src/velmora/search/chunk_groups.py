@@ -4,13 +4,13 @@ from __future__ import annotations
 
 from array import array
 from bisect import bisect_left
-from collections.abc import Collection, Iterator, Sequence
+from collections.abc import Collection, Iterator
 from functools import partial
 from typing import NamedTuple
 
 from velmora.storage import chunk_counts, chunk_store
 from velmora.storage.database import Database
-from velmora.storage.file_rows import FileRow
+from velmora.storage.file_rows import FileRow, Files
 from velmora.storage.layouts import ChunkLayout
 
 STRIDE = chunk_store.CHUNK_STRIDE
@@ -39,7 +39,7 @@ def chunk_lines(first: int, end: int, text: str) -> list[str]:
 def file_chunks(
     db: Database,
     layout: ChunkLayout,
-    files: Sequence[FileRow],
+    files: Files,
     plan: str | None,
     keep: Collection[int],
     *,
@@ -63,7 +63,7 @@ def file_chunks(
 
 
 def stored_groups(
-    db: Database, layout: ChunkLayout, files: Sequence[FileRow], plan: str | None, keep: Collection[int],
+    db: Database, layout: ChunkLayout, files: Files, plan: str | None, keep: Collection[int],
 ) -> Iterator[tuple[list[FileRow], list[tuple]]]:
     """As ``file_chunks`` in a layout that ``stores_frames``, a group at a time and undecoded:
     the group's files (those with a chunk the plan lets through, or in ``keep``) and the rows
@@ -74,12 +74,11 @@ def stored_groups(
 def _selected_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):
     db.kept(("totals", layout.name), lambda: chunk_counts.check_totals(db, layout))
     if plan is None:
-        yield from _groups(files, None, read)
+        yield from _groups(files.every(), None, read)
         return
     rowids = array("q", sorted(layout.matching_ids(db, plan)))
-    with_chunks = {rowid // STRIDE for rowid in rowids}
-    files = [row for row in files if row.id in with_chunks or row.id in keep]
-    yield from _groups(files, rowids, read)
+    wanted = {rowid // STRIDE for rowid in rowids}.union(keep)
+    yield from _groups(files.among(wanted), rowids, read)
 
 
 def _groups(files, rowids: array | None, read):

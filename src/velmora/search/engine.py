@@ -13,7 +13,8 @@ from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
 from velmora.storage import code_text, layouts
 from velmora.storage.database import Database
-from velmora.storage.file_rows import FileRow
+from velmora.storage import file_rows
+from velmora.storage.file_rows import FileRow, Files, listed
 from velmora.storage.layouts import ChunkLayout
 
 if TYPE_CHECKING:
@@ -66,7 +67,7 @@ def matching_globs(rows: list[FileRow], globs: Sequence[str]) -> list[FileRow]:
 def search(
     db: Database,
     query: Query,
-    files: Sequence[FileRow],
+    files: Files | Iterable[FileRow],
     *,
     root: Path,
     before: int = 0,
@@ -76,9 +77,10 @@ def search(
 ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
     """The matches file by file, and why the files are read from disk (None if they aren't).
 
-    ``root`` is the repository the index ``db`` belongs to. The files whose ids are in ``from_disk`` are read from disk whatever the index holds
-    (files changed since it was written). The other files are read a group at a time, so a
-    search holds only one group's text.
+    ``root`` is the repository the index ``db`` belongs to; ``files`` are read as far as the
+    search needs them (``file_rows.Indexed``). The files whose ids are in ``from_disk`` are
+    read from disk whatever the index holds (files changed since it was written). The other
+    files are read a group at a time, so a search holds only one group's text.
     """
     source, segmented, reason = _segmented(db, root, query, files, from_disk, bool(before or after))
 
@@ -94,7 +96,7 @@ def search(
 def matching_lines(
     db: Database,
     query: Query,
-    files: Sequence[FileRow],
+    files: Files | Iterable[FileRow],
     *,
     root: Path,
     from_disk: Collection[int] = frozenset(),
@@ -117,7 +119,7 @@ def _segmented(
     db: Database,
     root: Path,
     query: Query,
-    files: Sequence[FileRow],
+    files: Files | Iterable[FileRow],
     from_disk: Collection[int],
     with_last: bool,
 ) -> tuple[TextSource, Iterator[tuple[FileRow, list[ScannedSegment]]], str | None]:
@@ -133,11 +135,11 @@ def _segmented(
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
-            db, layout, files, _trigram_query(db, layout, query, planned), on_disk,
+            db, layout, listed(files), _trigram_query(db, layout, query, planned), on_disk,
             with_last=with_last, holding=held,
         )
     else:
-        texts = ((row, []) for row in files)
+        texts = ((row, []) for row in listed(files).every())
     first_line = chunk_scan.first_line_finder(query, planned)
 
     def per_file() -> Iterator[tuple[FileRow, list[ScannedSegment]]]:
@@ -169,7 +171,7 @@ class StoredGroup(NamedTuple):
 def stored_groups(
     db: Database,
     query: Query,
-    files: Sequence[FileRow],
+    files: Files | Iterable[FileRow],
     *,
     root: Path,
     max_count: int | None = None,
@@ -184,7 +186,9 @@ def stored_groups(
     if reason is not None:
         return None
     planned = plan(query)
-    groups = chunk_groups.stored_groups(db, layout, files, _trigram_query(db, layout, query, planned), on_disk)
+    groups = chunk_groups.stored_groups(
+        db, layout, listed(files), _trigram_query(db, layout, query, planned), on_disk
+    )
 
     def per_group() -> Iterator[StoredGroup]:
         for group, rows in groups:
@@ -209,7 +213,7 @@ def _sources(
     on_disk: Collection[int] = frozenset()
     if reason is None:
         assert db.layout is not None
-        on_disk = db.layout.on_disk_ids(db)
+        on_disk = file_rows.on_disk_ids(db)
     if from_disk:
         from velmora.index.freshness import DiskOverlay
 

@@ -3,7 +3,7 @@ lines to show in them."""
 
 from __future__ import annotations
 
-from collections.abc import Collection, Iterator, Sequence
+from collections.abc import Collection, Iterator
 from pathlib import Path
 
 from velmora.output.printer import column_in_line
@@ -12,7 +12,7 @@ from velmora.query.pattern import QueryError
 from velmora.search.engine import Hit, search
 from velmora.storage import layouts, schema, symbol_store
 from velmora.storage.database import Database
-from velmora.storage.file_rows import FileRow
+from velmora.storage.file_rows import FileRow, Files
 
 Rows = list[FileRow]
 
@@ -20,7 +20,7 @@ Rows = list[FileRow]
 def evaluate(
     db: Database,
     parsed: Parsed,
-    files: Sequence[FileRow],
+    files: Files,
     *,
     root: Path,
     repo: str,

@@ -5,7 +5,7 @@ the output kept in the files' order."""
 from __future__ import annotations
 
 from collections import deque
-from collections.abc import Callable, Collection, Iterator, Sequence
+from collections.abc import Callable, Collection, Iterable, Iterator
 from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 
@@ -15,7 +15,7 @@ from velmora.query.pattern import Query
 from velmora.search import engine
 from velmora.storage import chunk_store, codec
 from velmora.storage.database import Database
-from velmora.storage.file_rows import FileRow
+from velmora.storage.file_rows import FileRow, Files
 
 # One scan per core; the main thread reads the next group meanwhile.
 _THREADS = 2
@@ -29,7 +29,7 @@ def handles(query: Query) -> bool:
 def printed(
     db: Database,
     query: Query,
-    files: Sequence[FileRow],
+    files: Files | Iterable[FileRow],
     *,
     root: Path,
     mode: str,

@@ -15,7 +15,7 @@ from collections.abc import Callable, Iterable, Sequence
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
-from velmora.storage import chunk_counts, chunk_store, code_text, codec
+from velmora.storage import chunk_counts, chunk_store, code_text, codec, file_rows
 from velmora.utils.progress import Progress
 
 if TYPE_CHECKING:
@@ -110,10 +110,6 @@ class ChunkLayout:
         """The module's text source for a search that reads its candidate chunks itself
         (``group_rows``), and why every file is read from disk (None when the index answers)."""
         raise NotImplementedError
-
-    def on_disk_ids(self, db: Database) -> frozenset[int]:
-        """The files whose text the index keeps on disk."""
-        return frozenset(file_id for (file_id,) in db.fetchall("SELECT id FROM files WHERE text_on_disk = 1"))
 
     def matching_ids(self, db: Database, match: str) -> set[int]:
         """The row ids of the chunks that a full-text ``match`` expression selects.
@@ -334,7 +330,7 @@ class CodeChunks(ChunkLayout):
         disk = code_text.DiskText(root, needle, case_sensitive)
         if reason is not None:
             return disk, reason
-        return code_text.ChunkText(db, self.name, {}, disk, self.on_disk_ids(db)), None
+        return code_text.ChunkText(db, self.name, {}, disk, file_rows.on_disk_ids(db)), None
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
