@@ -22,8 +22,11 @@ import threading
 import time
 from pathlib import Path
 
-from velmora.serve import wire
-from velmora.serve.resident import ask
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests"))
+
+import live_server  # noqa: E402
+from velmora.serve import wire  # noqa: E402
+from velmora.serve.resident import ask  # noqa: E402
 
 # Selective literals: a handful of hits in either corpus.
 NEEDLES = ["def dedent", "class HTMLCalendar", "_PyLong_FromByteArray", "def getpwnam"]
@@ -110,13 +113,8 @@ def bench(root: Path, runs: int, searches: int, clients: int) -> None:
     index = root / ".velmora/index/index.db"
     if not index.exists():
         subprocess.run([*python, "index", str(root)], env=ENV, check=True)
-    ask(root, "stop")
-    server = subprocess.Popen([sys.executable, "-m", "velmora.cli", "serve", "--background", str(root)],
-                              env=ENV, stderr=subprocess.DEVNULL)
-    try:
-        while ask(root, "status") is None:
-            assert server.poll() is None, "the server exited"
-            time.sleep(0.1)
+    ask(root, "stop")  # one that runs other code than this
+    with live_server.background(root) as server:
         for needle in NEEDLES:
             search(root, needle)  # the workers' first search opens what they read
         memory_before = rss_mb(server.pid)
@@ -147,13 +145,6 @@ def bench(root: Path, runs: int, searches: int, clients: int) -> None:
         print(f"  memory: {memory_before:.0f} MB before, {rss_mb(server.pid):.0f} MB after "
               f"{searches} searches ({rss_mb(server.pid) / (index.stat().st_size / 2**20):.2f}x the index)")
         print("  latency of those searches:\n" + histogram(many))
-    finally:
-        ask(root, "stop")
-        try:
-            server.wait(30)
-        except subprocess.TimeoutExpired:
-            server.kill()
-            server.wait()
 
 
 def main() -> None:

@@ -110,7 +110,7 @@ class Resident:
                 if self.background and tree.index_gone():
                     self.stopping.set()
                     return
-                await anyio.to_thread.run_sync(lambda: tree.settle(wait_for_mark=False))
+                await anyio.to_thread.run_sync(tree.settle)
 
     async def _answer(self, number: int, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         try:
