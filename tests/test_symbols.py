@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import sqlite3
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -69,6 +70,15 @@ def test_a_file_past_its_time_gets_none_and_the_next_a_new_process(extractor, mo
     assert extractor.definitions("s.go", text) == []
     monkeypatch.setattr(symbols, "SECONDS_PER_FILE", 5.0)
     assert len(extractor.definitions("s.go", text)) == 5
+
+
+def test_a_ctags_that_cannot_run_here_is_given_up(extractor, monkeypatch) -> None:
+    monkeypatch.setattr(symbols, "_COMMAND", ["--no-such-option"])
+    started = []
+    popen = subprocess.Popen
+    monkeypatch.setattr(subprocess, "Popen", lambda *a, **k: started.append(a) or popen(*a, **k))
+    assert [extractor.definitions("s.go", b"package x\n") for _ in range(5)] == [[]] * 5
+    assert len(started) == 3
 
 
 def sym(root: Path, query: str, refresh: bool = True) -> list[tuple[str, list[int]]]:

@@ -19,6 +19,9 @@ from functools import cache
 from typing import NamedTuple
 
 SECONDS_PER_FILE = 5.0
+# After this many files in a row on which ctags died, it is taken to be unusable here (a
+# sandbox the system refuses, say) and the extractor stops starting it.
+_FAILURES_TO_GIVE_UP = 3
 # Larger files are mostly generated or data: their definitions are not worth the time.
 MAX_BYTES = 2 << 20
 # Data formats whose "definitions" are every key of every record.
@@ -65,12 +68,13 @@ class Extractor:
     def __init__(self) -> None:
         self._process: subprocess.Popen[bytes] | None = None
         self._pending = b""
+        self._failures = 0
 
     def definitions(self, path: str, data: bytes) -> list[Definition]:
         """The definitions in ``data``, the text of the file at ``path`` (whose name tells
         ctags the language); none when ctags does not know the language, is missing, or
         runs out of time."""
-        if len(data) > MAX_BYTES or not data:
+        if len(data) > MAX_BYTES or not data or self._failures >= _FAILURES_TO_GIVE_UP:
             return []
         process = self._started()
         if process is None:
@@ -80,10 +84,12 @@ class Extractor:
             assert process.stdin is not None
             process.stdin.write(request.encode() + b"\n" + data)
             process.stdin.flush()
-            return self._read_answer(process)
+            found = self._read_answer(process)
         except (OSError, ValueError):
             self.close()  # it died, or answered what it should not have
-            return []
+            found = None
+        self._failures = 0 if found is not None else self._failures + 1
+        return found or []
 
     def _started(self) -> subprocess.Popen[bytes] | None:
         if self._process is None:
@@ -98,6 +104,7 @@ class Extractor:
         return self._process
 
     def _read_answer(self, process: subprocess.Popen[bytes]) -> list[Definition]:
+        """The definitions ctags gives for the file just sent; none when it is out of time."""
         assert process.stdout is not None
         deadline = time.monotonic() + SECONDS_PER_FILE
         found: list[Definition] = []
