@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import os
 import sqlite3
+import stat
 import subprocess
 import tempfile
 import time
@@ -17,8 +18,9 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 import live_server
-from velmora import cli
+from velmora import cli, native
 from velmora.api import Repository
+from velmora.index import freshness
 from velmora.storage import schema
 
 BINARY = b"needle\0\xff"
@@ -140,3 +142,49 @@ def test_no_refresh_answers_from_the_index_as_it_is(tmp_path, capsys):
     (tmp_path / "gone.txt").unlink()
     assert search(tmp_path, "--no-refresh", "needle")[0] == ["gone.txt:1:1:needle"]
     assert search(tmp_path, "needle")[0] == []
+
+
+def recorded_change(prefix: str, row: tuple, racy_from: int) -> int:
+    """What the native check tells of one row, as os.lstat tells it."""
+    path, size, mtime_ns, inode = row
+    try:
+        info = os.lstat(prefix + path)
+    except (OSError, ValueError, TypeError):
+        return 2
+    stamp = (info.st_size, info.st_mtime_ns, info.st_ino) != (size, mtime_ns, inode) or (
+        isinstance(mtime_ns, int) and mtime_ns >= racy_from
+    )
+    return (0 if stat.S_ISREG(info.st_mode) else 4) | stamp
+
+
+def test_the_native_stat_check_tells_what_lstat_tells(tmp_path: Path) -> None:
+    (tmp_path / "sub").mkdir()
+    (tmp_path / "f").write_text("text")
+    (tmp_path / "link").symlink_to("f")
+    info = os.lstat(tmp_path / "f")
+    size, mtime, inode = info.st_size, info.st_mtime_ns, info.st_ino
+    rows = [
+        ("f", size, mtime, inode), ("f", size + 1, mtime, inode), ("f", size, mtime - 1, inode),
+        ("f", size, mtime, inode + 1), ("f", "big", "late", inode), ("f", size, mtime, 2**70),
+        ("sub", size, mtime, inode), ("link", size, mtime, inode), ("gone", size, mtime, inode),
+        (5, size, mtime, inode), ("f\0x", size, mtime, inode), ("\udcff", size, mtime, inode),
+    ]
+    prefix = f"{tmp_path}/"
+    for racy_from in (mtime + 1, mtime):
+        expected = bytes(recorded_change(prefix, row, racy_from) for row in rows)
+        assert native.stat_changes(prefix, rows, racy_from) == expected
+
+
+def test_a_tree_as_it_was_indexed_holds_no_change(tmp_path: Path) -> None:
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "a.txt").write_text("needle\n")
+    (tmp_path / "b.bin").write_bytes(BINARY)
+    (tmp_path / "link").symlink_to("a.txt")
+    for name in ("a.txt", "b.bin", "link"):  # long settled: not within the racy margin of the pass
+        os.utime(tmp_path / name, ns=(10**18, 10**18), follow_symlinks=False)
+    assert cli.main(["index", str(tmp_path)]) == 0
+    db = schema.open_index(schema.index_path(tmp_path))
+    try:
+        assert not freshness.check(db, tmp_path)
+    finally:
+        db.close()

@@ -1,5 +1,6 @@
 // velmora.native: the host's own native code, beside the text module: the search of
-// stored chunks from compressed bodies to printed output, without the GIL.
+// stored chunks from compressed bodies to printed output, without the GIL, and the freshness
+// check's lstat of every indexed file.
 #include "host/state.hpp"
 
 namespace velmora::host {
@@ -20,8 +21,12 @@ int exec_module(PyObject* module) {
         return -1;
     }
     Owned name(PyModule_GetNameObject(module));
-    Owned scan(name ? PyCMethod_New(&scan_chunks_def, module, name.get(), nullptr) : nullptr);
-    return scan ? PyModule_AddObjectRef(module, scan_chunks_def.ml_name, scan.get()) : -1;
+    if (!name) return -1;
+    for (PyMethodDef* def : {&scan_chunks_def, &stat_changes_def}) {
+        Owned function(PyCMethod_New(def, module, name.get(), nullptr));
+        if (!function || PyModule_AddObjectRef(module, def->ml_name, function.get()) < 0) return -1;
+    }
+    return 0;
 }
 
 int traverse_module(PyObject* module, visitproc visit, void* arg) {
@@ -48,7 +53,8 @@ PyModuleDef_Slot module_slots[] = {
 PyModuleDef native_module = {
     PyModuleDef_HEAD_INIT,
     "native",
-    "The host's native code: chunks scanned from their compressed bodies to printed output.",
+    "The host's native code: chunks scanned from their compressed bodies to printed output,\n"
+    "and the freshness check's lstat of every indexed file.",
     sizeof(NativeState),
     nullptr,
     module_slots,

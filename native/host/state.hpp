@@ -23,5 +23,6 @@ PyObject* make_dictionary_type(PyObject* module);
 const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object);
 
 extern PyMethodDef scan_chunks_def;
+extern PyMethodDef stat_changes_def;
 
 }  // namespace velmora::host

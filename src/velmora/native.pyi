@@ -1,4 +1,5 @@
-"""The host's native code: chunks scanned from their compressed bodies to printed output."""
+"""The host's native code: chunks scanned from their compressed bodies to printed output,
+and the freshness check's lstat of every indexed file."""
 
 from typing import Any, final
 
@@ -18,3 +19,4 @@ def scan_chunks(
     mode: str,
     max_count: int | None,
 ) -> tuple[list[tuple[int, bytes]], str | None]: ...
+def stat_changes(prefix: str, rows: list[tuple[Any, ...]], racy_from: int) -> bytes: ...
