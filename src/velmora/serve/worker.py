@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import sys
 import threading
 import time
 from collections.abc import Sequence
@@ -61,6 +62,9 @@ PARTIAL = (Lines, Output)
 # processes: a search past its deadline is stopped by ending its worker.
 def work(conn: Connection, roots: Sequence[Path]) -> None:
     threading.Thread(target=_exit_with, args=(os.getppid(),), daemon=True).start()
+    # A command's search runs in its own directory, in the searched repository: a relative
+    # entry of the module path ("" under python -c) would import that repository's code.
+    sys.path[:] = [entry for entry in sys.path if os.path.isabs(entry)]
     indexes = OpenIndexes(roots)
     shown = names(roots)
     conn.send(Ready())
