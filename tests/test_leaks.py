@@ -126,6 +126,8 @@ def repeated_cases(bench: workbench.Workbench) -> dict[str, Callable[[], Any]]:
         "scan_chunks bad mode": scan(1, 2, frame, "key", "json"),
         "stat_changes": lambda: host.stat_changes(f"{bench.repo}/", [(workbench.BIG, 1, 2, 3), (5, 1, "x", 3), ("\udcff", 1, 2, 2**70)], 0),
         "stat_changes bad row": lambda: outcome(lambda: host.stat_changes("/", [("a", 1)], 0)),
+        "decode_frames": lambda: host.decode_frames(dictionary, [frame, frame]),
+        "decode_frames damaged": lambda: outcome(lambda: host.decode_frames(dictionary, [frame, b"no frame"])),
         "DiskText.segments": alternate(disk, "segments"),
         "DiskText.lines": alternate(disk, "lines"),
         "DiskText._load": alternate(native.DiskText(bench.repo, None, True), "_load"),

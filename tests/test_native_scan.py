@@ -23,7 +23,7 @@ from velmora.index import build as indexer
 from velmora.output import printer
 from velmora.query.pattern import Query
 from velmora.search.engine import Hit
-from velmora.storage import chunk_store, schema
+from velmora.storage import chunk_store, codec, schema
 
 STRIDE = chunk_store.CHUNK_STRIDE
 NO_DICTIONARY = native.FrameDictionary(b"")
@@ -78,6 +78,15 @@ def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode
     rows, listed = group(files)
     got = native.scan_chunks(NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, mode, max_count)
     assert got == (expected(files, query, mode, max_count), None)
+
+
+@given(texts=st.lists(st.text(alphabet="ab\n\u00e9", max_size=4), max_size=8), needle=st.text(alphabet="ab\n", max_size=2))
+def test_a_group_searched_whole_keeps_every_text_that_holds_a_match(texts, needle):
+    # The search finds a match in the texts laid end to end: one may start in one text and
+    # end in the next, and an empty one starts at every text, the empty ones too.
+    found = codec.Decoder(b"").start_matching([body(t) for t in texts], lambda data, start: data.find(needle.encode(), start))()
+    assert all(text in (None, texts[i]) for i, text in enumerate(found))
+    assert all(found[i] == text for i, text in enumerate(texts) if needle in text)
 
 
 BAD = b"\xff needle"

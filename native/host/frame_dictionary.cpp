@@ -63,7 +63,10 @@ PyObject* make_dictionary_type(PyObject* module) {
 }
 
 const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object) {
-    if (!PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject*>(state->dictionary_type))) return nullptr;
+    if (!PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject*>(state->dictionary_type))) {
+        PyErr_Format(PyExc_TypeError, "dictionary must be a FrameDictionary, not %T", object);
+        return nullptr;
+    }
     return reinterpret_cast<DictionaryObject*>(object)->dictionary;
 }
 

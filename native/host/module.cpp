@@ -22,7 +22,7 @@ int exec_module(PyObject* module) {
     }
     Owned name(PyModule_GetNameObject(module));
     if (!name) return -1;
-    for (PyMethodDef* def : {&scan_chunks_def, &stat_changes_def}) {
+    for (PyMethodDef* def : {&scan_chunks_def, &decode_frames_def, &stat_changes_def}) {
         Owned function(PyCMethod_New(def, module, name.get(), nullptr));
         if (!function || PyModule_AddObjectRef(module, def->ml_name, function.get()) < 0) return -1;
     }

@@ -163,10 +163,7 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
     }
     NativeState* state = native_state(module);
     const core::FrameDictionary* dictionary = dictionary_of(state, dictionary_object);
-    if (dictionary == nullptr) {
-        PyErr_Format(PyExc_TypeError, "dictionary must be a FrameDictionary, not %T", dictionary_object);
-        return nullptr;
-    }
+    if (dictionary == nullptr) return nullptr;
     if (stride <= 0) {
         PyErr_SetString(PyExc_ValueError, "stride must be positive");
         return nullptr;
@@ -207,9 +204,8 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
 
 }  // namespace
 
-PyMethodDef scan_chunks_def = {
-    "scan_chunks", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(scan_chunks)),
-    METH_VARARGS | METH_KEYWORDS,
+PyMethodDef scan_chunks_def = keywords_method(
+    "scan_chunks", scan_chunks,
     "scan_chunks(dictionary, rows, files, stride, needle, case_sensitive, mode, max_count)\n--\n\n"
     "One group of chunks searched for a plain needle and printed, without the GIL.\n"
     "\n"
@@ -218,6 +214,6 @@ PyMethodDef scan_chunks_def = {
     "    mode: \"lines\", \"count\" or \"files\"; max_count: matching lines per file, or None.\n"
     "    Returns ([(index in files, output)] for each file with output, problem): problem is\n"
     "    None, or why a chunk's numbers disagree with its text (the output stops before its\n"
-    "    file). A damaged body raises DamagedChunk."};
+    "    file). A damaged body raises DamagedChunk.");
 
 }  // namespace velmora::host

@@ -17,12 +17,20 @@ inline NativeState* native_state(PyObject* module) {
     return static_cast<NativeState*>(PyModule_GetState(module));
 }
 
-// The FrameDictionary type; the core dictionary of an instance of it (null for another
-// object).
+// The FrameDictionary type; the core dictionary of an instance of it (null, with a
+// TypeError set, for another object).
 PyObject* make_dictionary_type(PyObject* module);
 const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object);
 
+// A module function that takes its arguments by position or keyword.
+template <class F>
+PyMethodDef keywords_method(const char* name, F* function, const char* doc) {
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)),
+            METH_VARARGS | METH_KEYWORDS, doc};
+}
+
 extern PyMethodDef scan_chunks_def;
+extern PyMethodDef decode_frames_def;
 extern PyMethodDef stat_changes_def;
 
 }  // namespace velmora::host

@@ -178,6 +178,11 @@ class Repository:
             globs, paths, types, refresh,
         )
 
+    @property
+    def stores_frames(self) -> bool:
+        """Whether the index keeps its chunks as frames that ``printed`` scans natively."""
+        return self._db.layout is not None and self._db.layout.stores_frames
+
     def printed(
         self,
         query: Query,
@@ -192,9 +197,9 @@ class Repository:
         refresh: bool = True,
     ) -> tuple[Iterator[bytes], str | None]:
         """A plain search (``search.native_scan.handles``) printed as the CLI prints it without
-        context or colour, each matching file's output encoded with the UTF-8 ``encoding``:
-        its lines (mode "lines"), their count ("count") or its path ("files"), as
-        ``shown`` shows it. Scanned from the stored chunks on every core."""
+        context or colour, encoded with the UTF-8 ``encoding``, a group of files at a time:
+        each matching file's lines (mode "lines"), their count ("count") or its path
+        ("files"), as ``shown`` shows it. Scanned from the stored chunks on every core."""
         from velmora.search import native_scan
 
         return self._searched(

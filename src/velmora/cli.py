@@ -372,7 +372,7 @@ def _search(args: argparse.Namespace) -> int:
         opened, args.refresh = nullcontext(repository), args.refresh and not fresh
     with opened as repo:
         limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
-        if streamed and _native(query, args, context or color):
+        if streamed and repo.stores_frames and _native(query, args, context or color):
             found = _print_native(repo, query, args, _shown(limits), limited)
         else:
             if plain:

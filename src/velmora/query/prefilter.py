@@ -17,8 +17,9 @@ from __future__ import annotations
 import re
 from collections.abc import Callable
 
-# The first byte offset in a UTF-8 text at which the widened pattern matches, or -1.
-Search = Callable[[bytes], int]
+# The first byte offset in a UTF-8 text, at or after a start offset, at which the widened
+# pattern matches, or -1.
+Search = Callable[[bytes, int], int]
 
 _NON_ASCII = r"\x{80}-\x{10ffff}"
 _SURROGATES = range(0xD800, 0xE000)  # never in decoded text, and RE2 refuses them
@@ -52,8 +53,8 @@ def _first_match_offset(compiled, re2) -> Search:
     try:
         match, unanchored = compiled._regexp.Match, re2._Anchor.UNANCHORED
     except AttributeError:
-        return lambda text: -1 if (found := compiled.search(text)) is None else found.start()
-    return lambda text: match(unanchored, text, 0, len(text))[0][0]
+        return lambda text, start: -1 if (found := compiled.search(text, start)) is None else found.start()
+    return lambda text, start: match(unanchored, text, start, len(text))[0][0]
 
 
 # -- pieces of the widened pattern, one per node of the regex's parse tree ----------------

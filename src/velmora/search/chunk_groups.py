@@ -8,6 +8,7 @@ from collections.abc import Collection, Iterator
 from functools import partial
 from typing import NamedTuple
 
+from velmora.query.prefilter import Search
 from velmora.storage import chunk_counts, chunk_store
 from velmora.storage.database import Database
 from velmora.storage.file_rows import FileRow, Files
@@ -45,21 +46,36 @@ def file_chunks(
     *,
     with_last: bool,
     holding: str | None,
+    widened: Search | None = None,
 ) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
     """The files with those of their chunks that the full-text query ``plan`` lets through
     (every chunk when it is None), in the order of ``files``. A file without such a chunk is
     left out, unless its id is in ``keep`` (it then comes with an empty list).
 
     ``with_last`` asks for each chunk's ``last`` flag. ``holding``, when given, is a text
-    that every chunk let through holds (chunks without it may be left out as they are read).
+    that every chunk let through holds (chunks without it may be left out as they are read),
+    and ``widened`` a pattern's widened search, which every chunk let through matches.
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
-    read = partial(layout.group_rows, db, with_last=with_last, holding=holding)
+    read = partial(layout.group_rows, db, with_last=with_last, holding=holding, widened=widened)
+    held: tuple | None = None
     for group, rows in _selected_groups(db, layout, files, plan, keep, read):
-        found: dict[int, list[ReadChunk]] = {}
-        for rowid, start, end, text, last in rows:
-            found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
-        for row in group:
-            yield row, found.pop(row.id, [])
+        # With a widened search, the next group is read (and starts decoding) before this
+        # one is searched.
+        if widened is None:
+            yield from _by_file(group, rows)
+        elif held is not None:
+            yield from _by_file(*held)
+        held = (group, rows) if widened is not None else None
+    if held is not None:
+        yield from _by_file(*held)
+
+
+def _by_file(group: list[FileRow], rows) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
+    found: dict[int, list[ReadChunk]] = {}
+    for rowid, start, end, text, last in rows:
+        found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
+    for row in group:
+        yield row, found.pop(row.id, [])
 
 
 def stored_groups(

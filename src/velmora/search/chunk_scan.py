@@ -37,7 +37,7 @@ def first_line_finder(query: Query, plan: Plan) -> FirstLine | None:
 
             def first_widened(text: str) -> int:
                 data = text.encode()
-                position = widened(data)
+                position = widened(data, 0)
                 return -1 if position < 0 else data.count(b"\n", 0, position)
 
             return first_widened

@@ -7,7 +7,7 @@ from itertools import islice
 from pathlib import Path
 from typing import TYPE_CHECKING, NamedTuple, TypeAlias
 
-from velmora.query import trigrams
+from velmora.query import prefilter, trigrams
 from velmora.query.pattern import Query
 from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
@@ -136,7 +136,7 @@ def _segmented(
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
         texts = chunk_groups.file_chunks(
             db, layout, listed(files), _trigram_query(db, layout, query, planned), on_disk,
-            with_last=with_last, holding=held,
+            with_last=with_last, holding=held, widened=_widened(query, planned),
         )
     else:
         texts = ((row, []) for row in listed(files).every())
@@ -230,6 +230,13 @@ def _whole_segments(source: TextSource, row: FileRow, query: Query) -> list[Scan
         (first, lines, last, 0, code_text.line_matches(lines, needle, pattern, case_sensitive))
         for first, lines, last in source.segments(row.id, row.path)
     ]
+
+
+def _widened(query: Query, planned: Plan) -> prefilter.Search | None:
+    """The pattern's widened search: a chunk it finds nothing in holds no match."""
+    if query.pattern is None or planned.widened is None:
+        return None
+    return prefilter.widened_search(planned.widened)
 
 
 def _trigram_query(db: Database, layout: ChunkLayout, query: Query, planned: Plan) -> str | None:

@@ -38,8 +38,8 @@ def printed(
     max_count: int | None = None,
     from_disk: Collection[int] = frozenset(),
 ) -> tuple[Iterator[bytes], str | None]:
-    """Each matching file's output in ``mode`` ("lines", "count" or "files"), encoded, in
-    the files' order, and why the files are read from disk (None if they aren't). The
+    """The output of the matching files in ``mode`` ("lines", "count" or "files"), encoded,
+    in the files' order, a group of files at a time, and why the files are read from disk (None if they aren't). The
     output is the printer's for the same hits; ``encoding`` must be a UTF-8 one. ``root``
     is the repository the index ``db`` belongs to."""
     assert handles(query)
@@ -80,7 +80,8 @@ def _scanned(db, query: Query, groups, mode, shown, encoding, max_count) -> Iter
 
 
 def _merged(group: engine.StoredGroup, scan: Future, query, mode, shown, encoding) -> Iterator[bytes]:
-    """The group's output: the scan's, and that of the files read from disk, in order."""
+    """The group's output, in one piece: the scan's, and that of the files read from disk,
+    in order."""
     try:
         blocks, problem = scan.result()
     except native.DamagedChunk as error:
@@ -92,7 +93,7 @@ def _merged(group: engine.StoredGroup, scan: Future, query, mode, shown, encodin
             if hits:
                 at[position] = printer.plain_block(mode, shown(row.path), hits, query).encode(encoding)
         blocks = sorted(at.items())
-    for _, block in blocks:
-        yield block
+    if blocks:
+        yield b"".join(block for _, block in blocks)
     if problem is not None:
         raise ValueError(problem)

@@ -11,7 +11,7 @@ from __future__ import annotations
 
 import sqlite3
 import zlib
-from collections.abc import Callable, Iterable, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
@@ -19,6 +19,7 @@ from velmora.storage import chunk_counts, chunk_store, code_text, codec, file_ro
 from velmora.utils.progress import Progress
 
 if TYPE_CHECKING:
+    from velmora.query.prefilter import Search
     from velmora.storage.database import Database
     from velmora.storage.file_rows import FileRow
 
@@ -126,13 +127,14 @@ class ChunkLayout:
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None,
+        with_last: bool, holding: str | None, widened: Search | None = None,
     ) -> Iterable[ChunkRow]:
         """The chunk rows of a group of files, each file's in order: the chunks whose row ids
         are ``wanted``, or with ``whole_files`` every chunk of the files whose ids are.
 
         ``with_last`` asks for each chunk's last flag (else it is false); ``holding``, when
         given, is a text every chunk that may match holds: chunks without it may be left out.
+        So may chunks in whose text ``widened`` finds nothing: a pattern's widened search.
         """
         raise NotImplementedError
 
@@ -279,18 +281,24 @@ class Compressed(ChunkLayout):
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None,
+        with_last: bool, holding: str | None, widened: Search | None = None,
     ) -> Iterable[ChunkRow]:
         rows = self.group_bodies(db, group, wanted, whole_files, with_last)
+        decoder, bodies = chunk_store.decoder(db), [row[3] for row in rows]
+        if widened is not None:
+            # Decoded while the caller searches the group before.
+            return _with_texts(rows, decoder.start_matching(bodies, widened))
         # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the
         # bytes, a chunk without it costs neither a str nor a row.
-        needle = b"" if holding is None else holding.encode("utf-8")
-        texts = chunk_store.decoder(db).decode_many([row[3] for row in rows], needle)
-        return (
-            (rowid, start, end, text, last)
-            for (rowid, start, end, _, last), text in zip(rows, texts)
-            if text is not None
-        )
+        texts = decoder.decode_many(bodies, b"" if holding is None else holding.encode("utf-8"))
+        return _with_texts(rows, lambda: texts)
+
+
+def _with_texts(rows: list[ChunkRow], texts: Callable[[], list[str | None]]) -> Iterator[ChunkRow]:
+    """The rows with their texts in place of their bodies, but those without a text."""
+    for (rowid, start, end, _, last), text in zip(rows, texts()):
+        if text is not None:
+            yield rowid, start, end, text, last
 
 
 class CodeChunks(ChunkLayout):
@@ -334,7 +342,7 @@ class CodeChunks(ChunkLayout):
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None,
+        with_last: bool, holding: str | None, widened: Search | None = None,
     ) -> Iterable[ChunkRow]:
         parameters: tuple = (_json_ids(wanted),)
         condition = ""
