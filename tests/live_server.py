@@ -1,16 +1,19 @@
-"""A `velmora serve` process on a free loopback port, over small git repositories."""
+"""A `velmora serve` process on a free port, over small git repositories."""
 
 from __future__ import annotations
 
 import json
 import os
-import socket
+import re
+import shutil
 import subprocess
 import sys
+import threading
 import time
 import urllib.error
 import urllib.parse
 import urllib.request
+from collections.abc import Sequence
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -29,18 +32,32 @@ def make_repo(root: Path, files: dict[str, str]) -> Path:
     return root
 
 
+class Served(str):
+    """A server's base URL, and its process id."""
+
+    pid: int
+
+
 @contextmanager
-def serving(*repos: Path, timeout: float = 10):
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        port = probe.getsockname()[1]
+def serving(*repos: Path, timeout: float = 10, args: Sequence[str] = (), cwd: Path | None = None,
+            launcher: Sequence[str] = ("-m", "velmora.cli")):
+    """A server on a port of the system's choosing, found from the address it prints."""
     server = subprocess.Popen(
-        [sys.executable, "-m", "velmora.cli", "serve", *map(str, repos), "--port", str(port),
-         "--timeout", str(timeout)], env={**os.environ, "PYTHONPATH": PACKAGES},
+        [sys.executable, *launcher, "serve", *map(str, repos), "--port", "0",
+         "--timeout", str(timeout), *args], env={**os.environ, "PYTHONPATH": PACKAGES},
+        cwd=cwd, stderr=subprocess.PIPE, text=True, errors="backslashreplace",
     )
-    base = f"http://127.0.0.1:{port}/"
     try:
-        while get(base + "api/status")[0] != 200:  # it listens once the trees are indexed
+        assert server.stderr is not None
+        first = server.stderr.readline()
+        found = re.search(r" on (http://\S+:(\d+)/)$", first)
+        assert found and found[2] != "0", first
+        # The rest of its output goes where the test's goes.
+        threading.Thread(target=shutil.copyfileobj, args=(server.stderr, sys.stderr),
+                         daemon=True).start()
+        base = Served(found[1])
+        base.pid = server.pid
+        while get(base + "api/status")[0] != 200:  # it answers once the trees are indexed
             assert server.poll() is None, "the server exited"
             time.sleep(0.1)
         yield base
@@ -49,9 +66,18 @@ def serving(*repos: Path, timeout: float = 10):
         server.wait(30)
 
 
-def get(url: str, **params: object) -> tuple[int, bytes]:
+def workers(pid: int) -> list[int]:
+    """The search processes of the server ``pid``."""
+    found = [int(child) for task in Path(f"/proc/{pid}/task").iterdir()
+             for child in (task / "children").read_text().split()]
+    return [child for child in found if b"spawn_main" in Path(f"/proc/{child}/cmdline").read_bytes()]
+
+
+def get(url: str, headers: dict[str, str] | None = None, **params: object) -> tuple[int, bytes]:
+    request = urllib.request.Request(f"{url}?{urllib.parse.urlencode(params, True)}",
+                                     headers=headers or {})
     try:
-        with urllib.request.urlopen(f"{url}?{urllib.parse.urlencode(params, True)}") as answer:
+        with urllib.request.urlopen(request, timeout=120) as answer:
             return answer.status, answer.read()
     except urllib.error.HTTPError as error:
         return error.code, error.read()

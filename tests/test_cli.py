@@ -294,11 +294,22 @@ def test_walk_without_git_honours_gitignore(tmp_path):
     write_tree(root, {
         "a.py": "", "skip.log": "", "sub/.gitignore": "*.txt\n!keep.txt\n", "sub/x.txt": "",
         "sub/keep.txt": "", "sub/deep/y.txt": "", "build/z.py": "", ".git/config": "",
-        ".gitignore": "*.log\nbuild/\n",
+        ".gitignore": "*.log\n[z-a]\nfoo\\\nbuild/\n",  # lines git cannot read are passed over
     })
-    assert sorted(indexer._walk_files(root)) == [
-        ".gitignore", "a.py", "sub/.gitignore", "sub/keep.txt",
-    ]
+    deep = root
+    for _ in range(1100):  # deeper than Python's recursion
+        deep /= "d"
+        deep.mkdir()
+    (deep / "deep.py").write_text("")
+    try:
+        assert sorted(indexer._walk_files(root)) == [
+            ".gitignore", "a.py", "d/" * 1100 + "deep.py", "sub/.gitignore", "sub/keep.txt",
+        ]
+    finally:  # removed level by level: the fixture's cleanup recurses
+        (deep / "deep.py").unlink()
+        while deep != root:
+            deep.rmdir()
+            deep = deep.parent
 
 
 def test_the_command_runs_as_a_program(repo):

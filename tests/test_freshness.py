@@ -135,6 +135,19 @@ def test_search_equals_a_plain_scan_after_edits(layout, edits, old_mtimes, index
         assert not (root / "sub" / ".velmora").exists()  # the repository's index, not a new one
 
 
+def test_a_file_in_a_new_directory_beside_directories_only(tmp_path):
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "pkg/sub").mkdir(parents=True)
+    (tmp_path / "pkg/sub/a.txt").write_text("needle\n")
+    assert cli.main(["index", str(tmp_path)]) == 0
+    for directory in (tmp_path, tmp_path / "pkg", tmp_path / "pkg/sub"):  # settled long ago
+        os.utime(directory, ns=(time.time_ns() - 10**12,) * 2)
+    assert search(tmp_path, "needle")[0] == ["pkg/sub/a.txt:1:1:needle"]  # records the listing
+    (tmp_path / "pkg/new").mkdir()
+    (tmp_path / "pkg/new/b.txt").write_text("needle\n")
+    assert search(tmp_path, "needle")[0] == ["pkg/new/b.txt:1:1:needle", "pkg/sub/a.txt:1:1:needle"]
+
+
 def test_no_refresh_answers_from_the_index_as_it_is(tmp_path, capsys):
     subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
     (tmp_path / "gone.txt").write_text("needle\n")

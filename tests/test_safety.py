@@ -3,7 +3,10 @@ read outside the repository, no hang."""
 
 from __future__ import annotations
 
+import errno
 import os
+import re
+import socket
 import sqlite3
 import subprocess
 import sys
@@ -16,17 +19,18 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from velmora import api, cli
+from velmora.query.pattern import Query
 from velmora.storage import database as db, file_rows, schema
 from velmora.utils.fsio import is_plain_relative
 
 BIG_JSON = "[\n" + ",\n".join(f'  "value {i}"' for i in range(3000)) + "\n]\n"
 
 
-def velmora(*argv: str | Path, cwd: Path) -> subprocess.CompletedProcess[str]:
+def velmora(*argv: str | Path, cwd: Path, text: bool = True) -> subprocess.CompletedProcess:
     # A separate process: a hang or a crash must fail this test, not stop the suite.
     return subprocess.run(
         [sys.executable, "-m", "velmora.cli", *map(str, argv)],
-        cwd=cwd, capture_output=True, text=True, timeout=120,
+        cwd=cwd, capture_output=True, text=text, timeout=120,
         env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
     )
 
@@ -80,12 +84,93 @@ def test_a_tampered_index_is_named_in_one_line(repo, capsys, layout, statements)
             assert err.count("\n") == 1 and "velmora index --rebuild" in err, err
     with api.Repository.open(repo) as opened, suppress(api.RepositoryError, sqlite3.DatabaseError):
         assert opened.indexed_text("a.py").endswith("the_end = 2")  # a file read whole: all of it, or the error
+    assert cli.main(["index", str(repo)]) in (0, 2)  # it mends the rows, or names the fix
 
 
-@pytest.mark.parametrize("argv", [["a{99999999999}"], ["(" * 3000 + ")" * 3000], ["(?<x"]])
-def test_bad_input_is_one_line_and_exit_2(repo, argv):
-    done = velmora("search", "code", *argv, cwd=repo)
+QUERY = Query.parse("secret_name")
+
+
+@pytest.mark.parametrize("call, error, words", [
+    (lambda repo: repo.search(QUERY, globs="*.py"), TypeError, "globs"),
+    (lambda repo: repo.search(QUERY, globs=None), TypeError, "globs"),
+    (lambda repo: repo.search(QUERY, paths="sub"), TypeError, "paths"),
+    (lambda repo: repo.matching_lines(QUERY, types="py"), TypeError, "types"),
+    (lambda repo: repo.files(globs=[b"*.py"]), TypeError, "globs"),
+    (lambda repo: repo.search(QUERY, before="2"), TypeError, "before"),
+    (lambda repo: repo.search(QUERY, max_count=-1), ValueError, "max_count"),
+    (lambda repo: repo.search("secret_name"), TypeError, "query"),
+    (lambda repo: repo.search(QUERY, globs=["[z-a]"]), ValueError, "invalid glob '[z-a]'"),
+    (lambda repo: repo.indexed_text(5), TypeError, "path"),
+    (lambda repo: repo.indexed_text("\udcff"), KeyError, None),
+    (lambda repo: len(list(repo.search(QUERY, max_count=2**70)[0])), None, None),
+])
+def test_the_python_api_names_a_wrong_argument(repo, call, error, words):
+    with api.Repository.open(repo) as opened:
+        if error is None:
+            assert call(opened) == 1
+            return
+        with pytest.raises(error, match=words and re.escape(words)):
+            call(opened)
+
+
+@pytest.mark.parametrize("git", [True, False])
+def test_odd_file_names_are_searched(tmp_path, git):
+    names = [b"weird\\name.txt", b"bad\xffname.txt", b"ok.txt"]
+    for name in names:
+        (tmp_path / os.fsdecode(name)).write_bytes(b"needle\n")
+    if git:
+        subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    found = velmora("search", "code", "-l", "needle", cwd=tmp_path, text=False)
+    assert sorted(found.stdout.splitlines()) == sorted(names), found.stderr
+    assert "\tbad\\xffname.txt\n" in velmora("status", cwd=tmp_path).stdout
+
+
+@pytest.mark.parametrize("argv, words", [
+    (["search", "code", "a{99999999999}"], ""),
+    (["search", "code", "(" * 3000 + ")" * 3000], ""),
+    (["search", "code", "(?<x"], ""),
+    (["search", "code", "-g", "[z-a]", "x"], "invalid glob '[z-a]'"),
+    (["search", "code", "-g", "\\", "x"], "invalid glob"),
+    (["serve", "--port", "99999"], "port 99999 is out of range"),
+    (["serve", "--port", "{busy}"], "is in use"),
+])
+def test_bad_input_is_one_line_and_exit_2(repo, argv, words):
+    with socket.create_server(("127.0.0.1", 0)) as busy:
+        port = str(busy.getsockname()[1])
+        done = velmora(*[arg.replace("{busy}", port) for arg in argv], cwd=repo)
     assert (done.returncode, done.stderr.count("\n")) == (2, 1), done.stderr  # no traceback
+    assert words in done.stderr and "serving" not in done.stderr
+
+
+@pytest.mark.parametrize("output, words", [
+    ("/dev/full", "No space left on device"),
+    (None, "standard output is closed"),
+])
+def test_output_that_cannot_be_written_is_one_line(repo, output, words):
+    with open(output or os.devnull, "w") as sink:
+        done = subprocess.run(
+            [sys.executable, "-m", "velmora.cli", "search", "code", "secret_name"], cwd=repo,
+            stdout=sink, stderr=subprocess.PIPE, text=True,
+            preexec_fn=None if output else lambda: os.close(1),
+            env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
+        )
+    assert (done.returncode, done.stderr) == (2, f"velmora: error: {words}\n")
+
+
+def test_a_read_only_repository_is_searched_from_disk(repo, capsys):
+    (repo / "new.txt").write_text("secret_name, new\n")
+    real_open = os.open
+
+    def read_only(path, flags, *args, **options):
+        if flags & (os.O_WRONLY | os.O_RDWR):
+            raise OSError(errno.EROFS, os.strerror(errno.EROFS), path)
+        return real_open(path, flags, *args, **options)
+
+    with mock.patch("os.open", read_only):
+        assert cli.main(["search", "code", "-l", "secret_name", str(repo)]) == 0
+    out, err = capsys.readouterr()
+    assert out.splitlines() == [f"{repo}/a.py", f"{repo}/new.txt"]
+    assert "taken from disk: the index cannot be written" in err
 
 
 @pytest.mark.parametrize("refresh", [[], ["--no-refresh"]])

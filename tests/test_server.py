@@ -3,12 +3,19 @@
 from __future__ import annotations
 
 import json
+import os
 import shutil
+import signal
+import socket
 import sqlite3
+import time
+import urllib.parse
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 
-from live_server import get, make_repo, records, serving
+from live_server import get, make_repo, records, serving, workers
 from velmora import cli
 
 FILES = {
@@ -86,23 +93,78 @@ def test_file_text_only_for_indexed_paths(server):
         assert get(server[0] + "api/file", path=path)[0] == 404, path
 
 
-@pytest.mark.parametrize(("params", "reason"), [
-    ({"q": ""}, "empty"),
-    ({"q": "x" * 1001}, "longer than"),
-    ({"q": "a("}, "invalid regex"),
-    ({"q": "(a b"}, "unbalanced parenthesis at 0"),
-    ({"q": "a", "context": "-1"}, "context must be"),
-    ({"q": "a", "limit": "0"}, "limit must be"),
-    ({"q": "a", "case": "maybe"}, "case must be"),
-    ({"q": "a", "repo": "nowhere"}, "no such repository"),
-    ({"q": "a", "sort": "size"}, "sort must be"),
-    ({"q": "a", "type": "nonesuch"}, "unrecognized file type"),
-    ({"q": r"(a+)+(?=\d)"}, "stopped"),  # runs for ever on slow.txt, which RE2 lets through
+@pytest.mark.parametrize(("params", "headers", "reason"), [
+    ({"q": ""}, {}, "empty"),
+    ({"q": "x" * 1001}, {}, "longer than"),
+    ({"q": "a("}, {}, "invalid regex"),
+    ({"q": "(a b"}, {}, "unbalanced parenthesis at 0"),
+    ({"q": "a", "context": "-1"}, {}, "context must be"),
+    ({"q": "a", "limit": "0"}, {}, "limit must be"),
+    ({"q": "a", "case": "maybe"}, {}, "case must be"),
+    ({"q": "a", "repo": "nowhere"}, {}, "no such repository"),
+    ({"q": "a", "sort": "size"}, {}, "sort must be"),
+    ({"q": "a", "type": "nonesuch"}, {}, "unrecognized file type"),
+    ({"q": "a", "glob": "[z-a]"}, {}, "invalid glob"),
+    ({"q": "a"}, {"Host": "attacker.example"}, "invalid host"),
+    ({"q": "a"}, {"Origin": "http://attacker.example"}, "cross-origin"),
+    ({"q": r"(a+)+(?=\d)"}, {}, "stopped"),  # runs for ever on slow.txt, which RE2 lets through
 ])
-def test_bad_requests_get_a_reason(server, params, reason):
-    status, body = get(server[0] + "api/search", **params)
+def test_bad_requests_get_a_reason(server, params, headers, reason):
+    status, body = get(server[0] + "api/search", headers, **params)
     assert 400 <= status < 500 and reason in json.loads(body)["error"]
     assert len(matches(records(server[0], q="needle", repo=server[1].name))) == 3  # and it goes on
+
+
+def test_killed_workers_cost_at_most_one_json_error(server):
+    base = server[0]
+    for worker in workers(base.pid):  # idle: replaced before the next search
+        os.kill(worker, signal.SIGKILL)
+    assert len(matches(records(base, q="needle", repo=server[1].name))) == 3
+    with ThreadPoolExecutor() as running:
+        slow = running.submit(get, base + "api/search", q=r"(a+)+(?=\d)")
+        time.sleep(0.5)
+        for worker in workers(base.pid):
+            os.kill(worker, signal.SIGKILL)
+        status, body = slow.result()
+    assert status in (422, 500) and json.loads(body)["error"]
+    assert len(matches(records(base, q="needle", repo=server[1].name))) == 3
+
+
+def test_workers_never_import_from_the_directory_the_server_started_in(tmp_path):
+    # A repository holding a folder named like a standard module, served from inside it by
+    # an installed command (whose own directory, not the current one, starts its path).
+    root = make_repo(tmp_path / "repo", {**FILES, "multiprocessing/__init__.py":
+                                        "open(__file__ + '.ran', 'w')\nraise SystemExit(3)\n"})
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin" / "velmora").write_text(
+        "import sys\nfrom velmora.cli import main\nif __name__ == '__main__':\n    sys.exit(main())\n")
+    with serving(root, cwd=root, launcher=[str(tmp_path / "bin" / "velmora")]) as base:
+        assert len(matches(records(base, q="needle"))) == 3
+    assert not (root / "multiprocessing/__init__.py.ran").exists()
+
+
+def test_abandoned_searches_free_their_workers(tmp_path):
+    root = make_repo(tmp_path / "repo", FILES)
+    with serving(root, timeout=600) as base:
+        address = urllib.parse.urlsplit(base)
+        for _ in range(3):  # more than the workers, each left to run for ever
+            with socket.create_connection((address.hostname, address.port)) as client:
+                client.sendall(b"GET /api/search?q=(a%2B)%2B(%3F%3D%5Cd) HTTP/1.1\r\n"
+                               b"Host: 127.0.0.1\r\n\r\n")
+                time.sleep(0.5)
+        assert len(matches(records(base, q="needle"))) == 3
+
+
+def test_a_loopback_ipv6_server_over_a_root_that_is_not_utf8(tmp_path):
+    root = make_repo(Path(os.fsdecode(bytes(tmp_path) + b"/root\xfe")), {"a.txt": "needle\n"})
+    (root / os.fsdecode(b"bad\xffname.txt")).write_text("a needle\n")
+    with serving(root, args=["--host", "::1"]) as base:
+        assert base.startswith("http://[::1]:")
+        assert get(base + "api/status", {"Host": "attacker.example"})[0] == 400
+        status = json.loads(get(base + "api/status")[1])["repositories"][0]
+        assert (status["name"], "bad\\xffname.txt" in status["report"]) == ("root\\xfe", True)
+        paths = [r["data"]["path"] for r in records(base, q="needle") if r["type"] == "begin"]
+        assert paths == [{"text": "a.txt"}, {"bytes": "YmFk/25hbWUudHh0"}]
 
 
 def hold_the_index(root):

@@ -20,6 +20,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import TypeVar
 
+from velmora import arguments
 from velmora.query import file_types
 from velmora.storage import chunk_counts, schema, symbol_store
 from velmora.index import freshness
@@ -29,7 +30,7 @@ from velmora.query.pattern import Query, QueryError
 from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search
 from velmora.storage.file_rows import FileRow, Files, Indexed, select_files
 from velmora.storage import layouts
-from velmora.utils.fsio import is_plain_relative
+from velmora.utils.fsio import is_plain_relative, is_utf8, unescaped_name
 
 __all__ = ["Hit", "Query", "Repository", "RepositoryError", "Run", "find_root"]
 
@@ -37,6 +38,10 @@ _T = TypeVar("_T")
 
 # What a value of the wrong type or shape in a tampered index raises as it is read.
 _DAMAGE = (zlib.error, UnicodeError, TypeError, ValueError, OverflowError)
+
+# Ids of the files read from disk for names the index cannot hold: below those of files
+# added since the last pass (-1, -2, ...).
+_NOT_UTF8_IDS = -(1 << 31)
 
 # What marks a repository's top directory, as git finds its own.
 _ROOT_MARKERS = (".velmora", ".git")
@@ -124,6 +129,9 @@ class Repository:
         changed since the index was written are taken as they are now. With ``relevance``
         the files come best first (``search.ranking``), once all are found.
         """
+        before, after = arguments.count("before", before), arguments.count("after", after)
+        if max_count is not None:
+            max_count = arguments.count("max_count", max_count)
         if isinstance(query, Parsed):
             from velmora.search.evaluate import evaluate
 
@@ -133,7 +141,7 @@ class Repository:
                     self._db, parsed, files, root=self.root, repo=repo, from_disk=from_disk,
                     before=before, after=after, max_count=max_count,
                 ),
-                globs, paths, types, refresh,
+                query, globs, paths, types, refresh,
             )
         else:
             results, reason = self._searched(
@@ -141,7 +149,7 @@ class Repository:
                     self._db, query, files, root=self.root, before=before, after=after,
                     max_count=max_count, from_disk=from_disk,
                 ),
-                globs, paths, types, refresh,
+                query, globs, paths, types, refresh,
             )
         if relevance:
             shown = query.shown_query() if isinstance(query, Parsed) else query
@@ -158,6 +166,8 @@ class Repository:
     def outline(self, path: str) -> list[tuple[str, str, int, str | None]]:
         """The definitions an indexed file makes, in the order of its lines, as (name, kind,
         line, scope)."""
+        if not is_utf8(path):  # read from disk for its name: the index holds nothing of it
+            return []
         return symbol_store.outline(self._db, path)
 
     def matching_lines(
@@ -175,7 +185,7 @@ class Repository:
             lambda files, from_disk: matching_lines(
                 self._db, query, files, root=self.root, from_disk=from_disk
             ),
-            globs, paths, types, refresh,
+            query, globs, paths, types, refresh,
         )
 
     @property
@@ -202,43 +212,67 @@ class Repository:
         ("files"), as ``shown`` shows it. Scanned from the stored chunks on every core."""
         from velmora.search import native_scan
 
+        if max_count is not None:
+            max_count = arguments.count("max_count", max_count)
         return self._searched(
             lambda files, from_disk: native_scan.printed(
                 self._db, query, files, root=self.root, mode=mode, shown=shown, encoding=encoding,
                 max_count=max_count, from_disk=from_disk,
             ),
-            globs, paths, types, refresh,
+            query, globs, paths, types, refresh,
         )
 
     def _searched(
         self,
         run: Callable[[Files, set[int]], tuple[Iterator[_T], str | None]],
-        globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool,
+        query: Query | Parsed, globs: Sequence[str], paths: Sequence[str], types: Sequence[str],
+        refresh: bool,
     ) -> tuple[Iterator[_T], str | None]:
+        if not isinstance(query, (Query, Parsed)):
+            raise TypeError(f"query must be a Query, not {type(query).__name__}")
+        globs, paths, types = _limits(globs, paths, types)
+        refresh = arguments.flag("refresh", refresh)
         try:
+            matching_globs([], globs)  # a bad glob is the caller's mistake, found before any read
             files, from_disk, stale = self._files(globs, paths, types, refresh)
             results, reason = run(files, from_disk)
         except (file_types.UnknownType, QueryError):
-            raise  # the caller's mistake, not the index's
+            raise  # the caller's mistake (a bad type name or glob), not the index's
         except _DAMAGE as error:
             raise self._damaged(error) from None
         return self._guarded(results), "; ".join(filter(None, (stale, reason))) or None
 
     def _files(
         self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool
-    ) -> tuple[Files, set[int], str | None]:
+    ) -> tuple[Indexed, set[int], str | None]:
         """The files to search, those of them to read from disk, and why."""
         def limit(files: list[FileRow]) -> list[FileRow]:
             return _limited(files, globs, paths, types)
 
         if refresh:
-            return self._fresh(limit)
-        return Indexed(self._db, limit), set(), None
+            files, from_disk, stale = self._fresh(limit)
+        else:
+            files, from_disk, stale = Indexed(self._db, limit), set(), None
+        odd = self._not_utf8_names()
+        if odd:
+            # Files whose names the index cannot hold as text are read from disk.
+            rows = [FileRow(_NOT_UTF8_IDS - n, name, "text", None) for n, name in enumerate(odd)]
+            files, from_disk = files.plus(rows), from_disk | {row.id for row in rows}
+        return files, from_disk, stale
+
+    def _not_utf8_names(self) -> list[str]:
+        names = [unescaped_name(path) for (path,) in self._db.fetchall(
+            "SELECT path FROM skipped WHERE reason = ?", (schema.NOT_UTF8,))]
+        unsafe = [name for name in names if not is_plain_relative(name)]
+        if unsafe:
+            raise self._damaged(f"it holds the path {unsafe[0]!r}")
+        return names
 
     def files(
         self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
     ) -> list[tuple[str, int]]:
         """The indexed files that a search with these limits reads, as (path, size)."""
+        globs, paths, types = _limits(globs, paths, types)
         size = self._db.kept("sizes", lambda: dict(self._db.fetchall("SELECT id, size FROM files")))
         rows = _limited(select_files(self._db), globs, paths, types)
         return [(row.path, size[row.id]) for row in rows]
@@ -256,7 +290,7 @@ class Repository:
 
     def _fresh(
         self, limit: Callable[[list[FileRow]], list[FileRow]]
-    ) -> tuple[Files, set[int], str | None]:
+    ) -> tuple[Indexed, set[int], str | None]:
         """The files to search as the tree is now, those to read from disk, and why."""
         changes = freshness.check(self._db, self.root)
         # While another pass writes the index (or after one was interrupted), it is left
@@ -289,7 +323,9 @@ class Repository:
     def indexed_text(self, path: str) -> str:
         """The text of an indexed file, its lines joined by "\\n"; a ``KeyError`` for a path
         the index does not hold. The path is looked up in the index, never opened as given."""
-        if not is_plain_relative(path):
+        if not isinstance(path, str):
+            raise TypeError(f"path must be a str, not {type(path).__name__}")
+        if not is_plain_relative(path) or not is_utf8(path):
             raise KeyError(path)
         found = self._db.fetchall("SELECT id FROM files WHERE path = ?", (path,))
         if not found:
@@ -318,6 +354,13 @@ class Repository:
         traceback: TracebackType | None,
     ) -> None:
         self.close()
+
+
+def _limits(
+    globs: object, paths: object, types: object
+) -> tuple[list[str], list[str], list[str]]:
+    return (arguments.strings("globs", globs), arguments.strings("paths", paths),
+            arguments.strings("types", types))
 
 
 def _limited(

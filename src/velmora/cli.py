@@ -17,7 +17,7 @@ from velmora.storage import schema
 from velmora.api import Repository, RepositoryError, find_root
 from velmora.storage.database import is_busy
 from velmora.query.pattern import Query, QueryError
-from velmora.utils.fsio import read_bytes_no_follow
+from velmora.utils.fsio import escaped_name, read_bytes_no_follow
 
 
 class UsageError(Exception):
@@ -44,6 +44,11 @@ def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> 
     # A run makes millions of small objects and no reference cycles: the cycle collector
     # would only walk them over and over.
     gc.disable()
+    if sys.stdout is None and args.command in ("search", "status"):
+        print("velmora: error: standard output is closed", file=sys.stderr)
+        return 2
+    if hasattr(sys.stdout, "reconfigure"):  # a name that is not UTF-8 prints as its bytes
+        sys.stdout.reconfigure(errors="surrogateescape")
     try:
         return args.run(args)
     except (UsageError, QueryError, RepositoryError, schema.SchemaError) as error:
@@ -56,12 +61,23 @@ def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> 
         print("velmora: interrupted", file=sys.stderr)
         return 130
     except BrokenPipeError:
-        # The reader went away (``| head``): stop quietly, and point stdout at /dev/null so
-        # that flushing it at exit does not fail again.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        # The reader went away (``| head``): stop quietly, as rg does.
+        _drop_output()
         return 0
+    except OSError as error:  # a full disk under the output, say
+        _drop_output()
+        where = f": {error.filename}" if error.filename else ""
+        print(f"velmora: error: {error.strerror or error}{where}", file=sys.stderr)
+        return 2
     finally:
         gc.enable()
+
+
+def _drop_output() -> None:
+    # What is still buffered for standard output is dropped, so that flushing it at exit
+    # does not fail again.
+    if sys.stdout is not None:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
 def _index_problem(error: sqlite3.Error) -> str:
@@ -458,16 +474,22 @@ def _serve(args: argparse.Namespace) -> int:
 
         background.run(roots[0])
         return 0
-    from velmora.serve import app as server
+    from velmora.index import safety
+    from velmora.serve import app as server, listening
 
+    try:
+        sock = listening.bind(args.host, args.port)
+    except listening.ListenError as error:
+        raise UsageError(str(error)) from None
     # An index that cannot be used is reported here, in one line, not from inside the server.
     for root in roots:
         if schema.index_path(root).exists():
             Repository.at(root).close()
-    shown = " ".join(str(root) for root in roots)
-    print(f"velmora: serving {shown} on http://{args.host}:{args.port}/", file=sys.stderr)
-    server.serve(roots, host=args.host, port=args.port, workers=max(args.workers, 1),
-                 timeout=args.timeout)
+        else:  # one that cannot be made is reported before the server starts
+            safety.index_file(root)
+    shown = " ".join(escaped_name(str(root)) for root in roots)
+    print(f"velmora: serving {shown} on {listening.url(sock)}", file=sys.stderr)
+    server.serve(roots, sock, workers=max(args.workers, 1), timeout=args.timeout)
     return 0
 
 

@@ -35,7 +35,7 @@ def wanted(argv: list[str]) -> bool:
 def forward(argv: list[str]) -> int | None:
     """The search's exit status, its output written as it comes; None when no server took it
     (no server runs, or it leaves this search to the command)."""
-    if not wanted(argv):
+    if not wanted(argv) or sys.stdout is None:  # the full command reports a closed output
         return None
     cwd = os.getcwd()
     sock = wire.connect(_root(cwd))
@@ -67,6 +67,10 @@ def forward(argv: list[str]) -> int | None:
                 # The reader went away (``| head``): stop quietly, as the full command does.
                 os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
                 return 0
+            except OSError as error:  # a full disk under the output, say
+                os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
+                print(f"velmora: error: {error.strerror or error}", file=err)
+                return 2
     except OSError:
         if not written:
             return None

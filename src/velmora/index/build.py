@@ -20,13 +20,14 @@ from typing import NamedTuple
 
 import pathspec
 
+from velmora.query import globs
 from velmora.index import safety, symbols
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.utils.progress import Progress
 from velmora.storage import chunk_store, code_text, codec, layouts, symbol_store
 from velmora.storage.layouts import ChunkLayout
-from velmora.utils.fsio import read_bytes_no_follow
+from velmora.utils.fsio import escaped_name, is_utf8, read_bytes_no_follow
 
 LANGUAGES = {
     ".c": "c", ".h": "c", ".cc": "cpp", ".cpp": "cpp", ".cxx": "cpp", ".hh": "cpp",
@@ -68,21 +69,19 @@ def is_binary(data: bytes) -> bool:
 
 def list_files(root: Path) -> list[str]:
     """The repository's files, relative to ``root`` with "/" separators, sorted."""
+    return _listing(root)[0]
+
+
+def _listing(root: Path) -> tuple[list[str], list[str]]:
+    """The repository's files as ``list_files`` has them, and those whose names are not
+    UTF-8, which the index cannot hold as text (decoded with surrogate escapes)."""
     paths = _git_files(root)
     if paths is None:
         paths = _walk_files(root)
-    return sorted(
-        p for p in paths if not p.startswith(".velmora/") and (p.isascii() or _storable(p))
-    )
-
-
-def _storable(path: str) -> bool:
-    # A name that is not UTF-8 cannot be stored as text in the index.
-    try:
-        path.encode("utf-8")
-    except UnicodeEncodeError:
-        return False
-    return True
+    paths = sorted(p for p in paths if not p.startswith(".velmora/"))
+    if all(p.isascii() for p in paths):
+        return paths, []
+    return [p for p in paths if is_utf8(p)], [p for p in paths if not is_utf8(p)]
 
 
 # Git reads the repository's own configuration, which may name commands to run (an
@@ -125,33 +124,36 @@ def _walk_files(root: Path) -> list[str]:
 
     def ignored(rel: str, is_dir: bool) -> bool:
         # The deepest .gitignore with a rule for the path decides, as in git.
-        parts = rel.split("/")
-        for depth in range(len(parts) - 1, -1, -1):
-            base = "/".join(parts[:depth])
-            spec = specs.get(base)
-            if spec is None:
+        for base in sorted(specs, key=len, reverse=True):
+            if base and not rel.startswith(base + "/"):
                 continue
-            sub = "/".join(parts[depth:]) + ("/" if is_dir else "")
-            include = spec.check_file(sub).include
+            sub = (rel[len(base) + 1 :] if base else rel) + ("/" if is_dir else "")
+            include = specs[base].check_file(sub).include
             if include is not None:
                 return include
         return False
 
-    for dirpath, dirnames, filenames in os.walk(root):
-        base = Path(dirpath).relative_to(root).as_posix()
-        base = "" if base == "." else base
-        if ".gitignore" in filenames:
+    # A stack, not recursion: a tree may be deeper than Python's recursion limit.
+    pending = [""]
+    while pending:
+        base = pending.pop()
+        prefix = base + "/" if base else ""
+        try:
+            with os.scandir(root / base) as listing:
+                entries = [(entry.name, entry.is_dir(follow_symlinks=False)) for entry in listing]
+        except OSError:
+            continue
+        if (".gitignore", False) in entries:
             try:
-                lines = (Path(dirpath) / ".gitignore").read_text(errors="replace").splitlines()
-                specs[base] = pathspec.GitIgnoreSpec.from_lines(lines)
+                lines = (root / prefix / ".gitignore").read_text(errors="replace").splitlines()
+                specs[base] = globs.ignore_file(lines)
             except OSError:
                 pass
-        prefix = base + "/" if base else ""
-        dirnames[:] = sorted(
-            d for d in dirnames
-            if d not in (".git", ".velmora") and not ignored(prefix + d, True)
-        )
-        found += (prefix + f for f in filenames if not ignored(prefix + f, False))
+        for name, is_dir in sorted(entries, reverse=True):
+            if is_dir and name in (".git", ".velmora"):
+                continue
+            if not ignored(prefix + name, is_dir):
+                (pending if is_dir else found).append(prefix + name)
     return found
 
 
@@ -239,7 +241,7 @@ def _update(
 ) -> Summary:
     current = db.layout
     wanted = forced or current or default_layout()
-    paths = list_files(root)
+    paths, unnamed = _listing(root)
     with db.transaction() as cursor:
         # A new index, or one converted to another layout, is loaded whole.
         bulk = current != wanted or not cursor.execute("SELECT 1 FROM files").fetchone()
@@ -255,10 +257,14 @@ def _update(
         schema.set_meta(cursor, schema.PASS_MARK, str(run_ns))
     db.layout = wanted
     dictionary = wanted.dictionary(db)
-    last_run = int(schema.get_meta(db, "last_run_ns") or 0)
+    last_run = schema.whole_number(schema.get_meta(db, "last_run_ns"))
     known = {
         row[0]: _Known._make(row[1:])
-        for row in db.rows("SELECT path, id, size, mtime_ns, sha1, inode FROM files")
+        # A size that is not a number (a tampered row) marks the file for a full read.
+        for row in db.rows(
+            "SELECT path, id, CASE typeof(size) WHEN 'integer' THEN size ELSE -1 END, "
+            "mtime_ns, sha1, inode FROM files"
+        )
     }
     left_out = {row[0]: row[1:] for row in db.fetchall("SELECT * FROM skipped")}
     summary = Summary(store=wanted.name)
@@ -267,6 +273,7 @@ def _update(
     # without ctags) reads every file again for them.
     reread = extracting and schema.get_meta(db, symbol_store.MARK) is None
     seen, skipped, work = _survey(root, paths, known, left_out, -1 if reread else last_run)
+    skipped |= _not_utf8(root, unnamed)
     bar = Progress(len(paths)) if progress else None
     if bar:
         bar.update(len(paths) - len(work))
@@ -410,6 +417,21 @@ def _survey(
                 continue
         work.append((path, info, old))
     return seen, skipped, work
+
+
+def _not_utf8(root: Path, paths: list[str]) -> dict[str, _LeftOut]:
+    """Files left out for their names, under their escaped names (a search reads them
+    from disk)."""
+    left: dict[str, _LeftOut] = {}
+    for path in paths:
+        try:
+            info = os.lstat(root / path)
+        except OSError:
+            continue
+        if stat.S_ISREG(info.st_mode):
+            left[escaped_name(path)] = _LeftOut(
+                schema.NOT_UTF8, info.st_size, info.st_mtime_ns, info.st_ino)
+    return left
 
 
 def _prepare(

@@ -17,7 +17,7 @@ from collections.abc import Collection, Iterator
 from pathlib import Path
 
 from velmora import native
-
+from velmora.index import safety
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.storage import code_text
@@ -49,7 +49,7 @@ class Changes:
 def check(db: Database, root: Path) -> Changes:
     """Compare the index with the tree at ``root`` by stat alone."""
     rows = db.fetchall("SELECT path, size, mtime_ns, inode, id FROM files")
-    last_run = _int(schema.get_meta(db, "last_run_ns"))
+    last_run = schema.whole_number(schema.get_meta(db, "last_run_ns"))
     changes = Changes()
     prefix = f"{root}/"
     racy_from = last_run - _RACY_NS
@@ -87,7 +87,7 @@ def _directories_changed(db: Database, root: Path) -> bool:
     if not recorded:
         return True
     listed_at, *directories = recorded.split("\n")
-    since = _int(listed_at) - _RACY_NS
+    since = schema.whole_number(listed_at) - _RACY_NS
     prefix = f"{root}/"
     for directory in directories:
         try:
@@ -109,11 +109,24 @@ def _list(changes: Changes, db: Database, root: Path, indexed: dict[str, int]) -
     left_out = {path for (path,) in db.fetchall("SELECT path FROM skipped")}
     left_out.difference_update(changes.added)
     changes.added = [path for path in listed if path not in indexed and path not in left_out]
-    changes.listed = (started, sorted({os.path.dirname(path) for path in listed} | {""}))
+    changes.listed = (started, _directories(listed))
     # A file the index holds but the tree no longer lists (now ignored, say) is gone too.
     changes.removed |= {file_id for path, file_id in indexed.items() if path not in present}
     for file_id in changes.removed:
         changes.changed.pop(file_id, None)
+
+
+def _directories(paths: list[str]) -> list[str]:
+    # Every directory above a file, not only those holding one: a file added in a new
+    # directory touches only that directory's parent, which may hold directories alone.
+    found: set[str] = set()
+    for path in paths:
+        directory = os.path.dirname(path)
+        while directory not in found:
+            found.add(directory)
+            directory = os.path.dirname(directory)
+    found.add("")
+    return sorted(found)
 
 
 def update(db_path: Path, root: Path, changes: Changes) -> str | None:
@@ -124,7 +137,7 @@ def update(db_path: Path, root: Path, changes: Changes) -> str | None:
         indexer.index(root, progress=False)
         if changes.listed is not None:
             _record_listing(db_path, *changes.listed)
-    except (sqlite3.Error, OSError) as error:
+    except (sqlite3.Error, OSError, safety.IndexNotWritable) as error:
         return f"the index cannot be written ({error})"
     return None
 
@@ -185,8 +198,3 @@ class DiskOverlay:
         return self._source.lines(file_id, path)
 
 
-def _int(text: str | None) -> int:
-    try:
-        return int(text or 0)
-    except ValueError:
-        return 0

@@ -15,6 +15,10 @@ class UnsafeIndexPath(schema.SchemaError):
     """A path the index would be written through leads elsewhere."""
 
 
+class IndexNotWritable(schema.SchemaError):
+    """The index cannot be written here (a read-only repository, say); it can be read."""
+
+
 def index_file(root: Path) -> Path:
     """The index database's path, with its directories made (0700) and checked.
 
@@ -28,7 +32,7 @@ def index_file(root: Path) -> Path:
         except FileExistsError:
             pass
         except OSError as error:
-            raise UnsafeIndexPath(f"cannot create {directory}: {error.strerror}") from None
+            raise IndexNotWritable(f"cannot create {directory}: {error.strerror}") from None
         _refuse_link(directory, stat.S_ISDIR)
         _tighten(directory, 0o700)
     # Keep the index out of git's view of the work tree.
@@ -108,7 +112,7 @@ def _write_private(path: Path, data: bytes, exclusive: bool = False) -> None:
             raise UnsafeIndexPath(
                 f"{path} is a symbolic link: the index is written only inside the repository"
             ) from None
-        raise UnsafeIndexPath(f"cannot write {path}: {error.strerror}") from None
+        raise IndexNotWritable(f"cannot write {path}: {error.strerror}") from None
     try:
         os.write(fd, data)
     finally:

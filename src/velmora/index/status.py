@@ -21,7 +21,11 @@ def report(root: Path) -> str:
             "SELECT COUNT(*), coalesce(sum(size), 0), COUNT(*) FILTER (WHERE text_on_disk != 0) "
             "FROM files"
         )[0]
-        skipped = db.fetchall("SELECT reason, path FROM skipped ORDER BY reason, path")
+        skipped = db.fetchall(
+            "SELECT reason, path FROM skipped WHERE reason != ? ORDER BY reason, path",
+            (schema.NOT_UTF8,))
+        odd = db.fetchall(
+            "SELECT path FROM skipped WHERE reason = ? ORDER BY path", (schema.NOT_UTF8,))
         kept = db.fetchall("SELECT path FROM files WHERE text_on_disk != 0 ORDER BY path")
         store = None if db.layout is None else db.layout.name
         last_run = schema.get_meta(db, "last_run_ns")
@@ -49,6 +53,9 @@ def report(root: Path) -> str:
         )
     if kept:
         lines += ["", "Kept on disk (large data files):", *(f"\t{path}" for (path,) in kept)]
+    if odd:
+        lines += ["", "Names not UTF-8 (read from the files at search time):",
+                  *(f"\t{path}" for (path,) in odd)]
     if skipped:
         lines += ["", "Left out of the index:", '  (these files are not searched)']
         lines += [f"\t{reason + ':':<16}{path}" for reason, path in skipped]

@@ -3,7 +3,9 @@ JSON lines and statistics. Each file's output is built as one str."""
 
 from __future__ import annotations
 
+import base64
 import json
+import os
 import time
 from collections.abc import Callable, Iterable
 from itertools import accumulate
@@ -11,6 +13,7 @@ from typing import TextIO
 
 from velmora.query.pattern import Query
 from velmora.search.engine import Hit, Run
+from velmora.utils.fsio import is_utf8
 
 PATH, NUMBER, MATCH, RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
 
@@ -150,7 +153,10 @@ def json_records(
     from json.encoder import encode_basestring as quoted
 
     named = "{" if repo is None else f'{{"repo":{quoted(repo)},'
-    path = f'{named}"path":{{"text":{quoted(shown_path)}}}'
+    if shown_path.isascii() or is_utf8(shown_path):
+        path = f'{named}"path":{{"text":{quoted(shown_path)}}}'
+    else:  # as rg shows a name that is not UTF-8
+        path = f'{named}"path":{{"bytes":"{base64.b64encode(os.fsencode(shown_path)).decode()}"}}'
     parts: list[str] = []
     starts: list[int] = []
     if data is not None:

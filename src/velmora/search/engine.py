@@ -7,7 +7,7 @@ from itertools import islice
 from pathlib import Path
 from typing import TYPE_CHECKING, NamedTuple, TypeAlias
 
-from velmora.query import prefilter, trigrams
+from velmora.query import globs as glob_specs, prefilter, trigrams
 from velmora.query.pattern import Query
 from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
@@ -52,14 +52,11 @@ def matching_globs(rows: list[FileRow], globs: Sequence[str]) -> list[FileRow]:
     """The rows whose path matches the globs ("!" before a glob excludes)."""
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
-    if globs:
-        # Imported here: it costs more start-up time than a selective search takes.
-        import pathspec
     if include:
-        wanted = pathspec.GitIgnoreSpec.from_lines(include)
+        wanted = glob_specs.given(include)
         rows = [row for row in rows if wanted.match_file(row.path)]
     if exclude:
-        unwanted = pathspec.GitIgnoreSpec.from_lines(exclude)
+        unwanted = glob_specs.given(exclude)
         rows = [row for row in rows if not unwanted.match_file(row.path)]
     return rows
 

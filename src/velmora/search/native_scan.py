@@ -40,8 +40,8 @@ def printed(
 ) -> tuple[Iterator[bytes], str | None]:
     """The output of the matching files in ``mode`` ("lines", "count" or "files"), encoded,
     in the files' order, a group of files at a time, and why the files are read from disk (None if they aren't). The
-    output is the printer's for the same hits; ``encoding`` must be a UTF-8 one. ``root``
-    is the repository the index ``db`` belongs to."""
+    output is the printer's for the same hits; ``encoding`` must be a UTF-8 one (a name
+    that is not UTF-8 keeps its bytes). ``root`` is the repository the index ``db`` belongs to."""
     assert handles(query)
     groups = engine.stored_groups(db, query, files, root=root, max_count=max_count, from_disk=from_disk)
     if groups is None:
@@ -49,7 +49,7 @@ def printed(
             db, query, files, root=root, max_count=max_count, from_disk=from_disk
         )
         blocks = (
-            printer.plain_block(mode, shown(path), hits, query).encode(encoding)
+            printer.plain_block(mode, shown(path), hits, query).encode(encoding, "surrogateescape")
             for path, hits in results
         )
         return blocks, reason
@@ -64,7 +64,8 @@ def _scanned(db, query: Query, groups, mode, shown, encoding, max_count) -> Iter
     with ThreadPoolExecutor(_THREADS) as pool:
         try:
             for group in groups:
-                listed = [(row.id, row.path, shown(row.path).encode(encoding)) for row in group.files]
+                listed = [(row.id, row.path, shown(row.path).encode(encoding, "surrogateescape"))
+                          for row in group.files]
                 scan = pool.submit(
                     native.scan_chunks, dictionary, group.rows, listed, chunk_store.CHUNK_STRIDE,
                     needle, case_sensitive, mode, max_count,
@@ -91,7 +92,7 @@ def _merged(group: engine.StoredGroup, scan: Future, query, mode, shown, encodin
         for position, row in enumerate(group.files):
             hits = group.disk_hits.get(row.id)
             if hits:
-                at[position] = printer.plain_block(mode, shown(row.path), hits, query).encode(encoding)
+                at[position] = printer.plain_block(mode, shown(row.path), hits, query).encode(encoding, "surrogateescape")
         blocks = sorted(at.items())
     if blocks:
         yield b"".join(block for _, block in blocks)

@@ -11,6 +11,7 @@ from starlette.requests import Request
 
 from velmora.query import file_types, language
 from velmora.query.pattern import Query, QueryError
+from velmora.utils.fsio import escaped_name
 
 # Bounds on what one request may ask for: the server answers many people at once.
 MAX_QUERY_CHARS = 1000
@@ -49,10 +50,11 @@ class FileRequest(NamedTuple):
 
 
 def names(roots: Sequence[Path]) -> list[str]:
-    """Each repository's name in URLs: its directory's name, numbered where two clash."""
+    """Each repository's name in URLs: its directory's name (escaped where it is not
+    UTF-8), numbered where two clash."""
     found: list[str] = []
     for root in roots:
-        name = root.name or "root"
+        name = escaped_name(root.name) or "root"
         found.append(name if name not in found else f"{name}-{len(found) + 1}")
     return found
 

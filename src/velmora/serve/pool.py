@@ -70,6 +70,10 @@ class Workers:
     @asynccontextmanager
     async def _held(self) -> AsyncIterator[_Worker]:
         worker = await self._idle.get()
+        if not worker.process.is_alive():  # killed while idle: replaced, unnoticed
+            self._all.discard(worker)
+            worker.stop()
+            worker = self._spawn()
         try:
             yield worker
         finally:
@@ -86,22 +90,32 @@ class Workers:
     ) -> AsyncGenerator[Reply, None]:
         """Send one request to a free worker and yield its replies until the last one, or a
         timeout. The worker is held for as long as the replies are read, which may outlive
-        the handler that asked."""
-        async with self._held() as worker:
-            worker.busy = True
-            while not worker.ready:  # the deadline does not count the worker's start-up
-                started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
-                worker.ready = isinstance(started, Ready)
-            worker.conn.send(request)
-            deadline = time.monotonic() + timeout
-            while worker.busy:
-                remaining = deadline - time.monotonic()
-                if remaining <= 0:
-                    yield Refused(
-                        422, f"the search took longer than {timeout:g} s and was stopped")
+        the handler that asked. A worker found dead before its first reply (killed while
+        idle, say) is replaced, and the request sent once more."""
+        for attempt in (1, 2):
+            async with self._held() as worker:
+                worker.busy = True
+                replied = False
+                try:
+                    while not worker.ready:  # the deadline does not count the start-up
+                        started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
+                        worker.ready = isinstance(started, Ready)
+                    worker.conn.send(request)
+                    deadline = time.monotonic() + timeout
+                    while worker.busy:
+                        remaining = deadline - time.monotonic()
+                        if remaining <= 0:
+                            yield Refused(422, f"the search took longer than {timeout:g} s "
+                                          "and was stopped")
+                            return
+                        reply = await anyio.to_thread.run_sync(
+                            worker.receive, min(remaining, _POLL_SECONDS))
+                        if reply is not None:
+                            worker.busy = isinstance(reply, PARTIAL)
+                            replied = True
+                            yield reply
                     return
-                reply = await anyio.to_thread.run_sync(
-                    worker.receive, min(remaining, _POLL_SECONDS))
-                if reply is not None:
-                    worker.busy = isinstance(reply, PARTIAL)
-                    yield reply
+                except (EOFError, OSError):
+                    if replied or attempt == 2:
+                        yield Refused(500, "the search process ended unexpectedly; try again")
+                        return

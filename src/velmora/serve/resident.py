@@ -8,6 +8,7 @@ import fcntl
 import math
 import os
 import socket
+import sqlite3
 import struct
 import sys
 import time
@@ -62,8 +63,14 @@ class Resident:
         for tree in self.trees:
             # Watched before the first pass, so that no change falls between the two.
             await anyio.to_thread.run_sync(tree.watch)
-            summary = await anyio.to_thread.run_sync(indexer.index, tree.root)
-            print(f"{tree.name}: {summary.line()}", file=sys.stderr)
+            try:
+                summary = await anyio.to_thread.run_sync(indexer.index, tree.root)
+            except (safety.IndexNotWritable, sqlite3.Error, OSError) as error:
+                # A read-only repository is still served, from the index as it is.
+                print(f"velmora: {tree.name}: the index cannot be written ({error}); "
+                      "answering from it as it is", file=sys.stderr)
+            else:
+                print(f"{tree.name}: {summary.line()}", file=sys.stderr)
             await anyio.to_thread.run_sync(tree.settle)
         self.pool.start()
         for number, (tree, lock) in enumerate(zip(self.trees, self._locks)):

@@ -16,7 +16,7 @@ if TYPE_CHECKING:
 # would cost a call per indexed file.
 UNSAFE_PATH_SQL = (
     "SELECT path FROM files WHERE typeof(path) != 'text' OR path = '' OR path GLOB '/*' "
-    "OR instr(path, char(0)) OR instr(path, '\\') "
+    "OR instr(path, char(0)) "
     "OR '/' || path || '/' GLOB '*/[.]/*' OR '/' || path || '/' GLOB '*/[.][.]/*' "
     "OR '/' || path || '/' GLOB '*//*' LIMIT 1"
 )
@@ -103,6 +103,10 @@ class Indexed(Files):
         added: Iterable[FileRow] = (),
     ) -> None:
         self._db, self._limit, self._gone, self._added = db, limit, gone, list(added)
+
+    def plus(self, added: Iterable[FileRow]) -> Indexed:
+        """These files and ``added`` besides."""
+        return Indexed(self._db, self._limit, self._gone, [*self._added, *added])
 
     def every(self) -> list[FileRow]:
         unsafe = self._db.kept("unsafe paths", lambda: self._db.fetchall(UNSAFE_PATH_SQL))

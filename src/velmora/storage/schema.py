@@ -60,7 +60,10 @@ SKIPPED_DDL = (
     "CREATE TABLE IF NOT EXISTS skipped (path TEXT PRIMARY KEY, reason TEXT NOT NULL, "
     "size INTEGER NOT NULL, mtime_ns INTEGER NOT NULL, inode INTEGER NOT NULL)"
 )
-SKIP_REASONS = ("binary", "symlink", "not a file", "unreadable", "too many lines")
+# A file whose name is not UTF-8 is listed under its escaped name (``fsio.escaped_name``);
+# a search reads it from disk.
+NOT_UTF8 = "name not UTF-8"
+SKIP_REASONS = ("binary", "symlink", "not a file", "unreadable", "too many lines", NOT_UTF8)
 PASS_MARK = "pass_in_progress"
 
 
@@ -120,6 +123,15 @@ def open_index(path: Path, progress: bool = True) -> Database:
 def get_meta(db: Database, key: str) -> str | None:
     row = db.fetchall("SELECT value FROM meta WHERE key = ?", (key,))
     return row[0][0] if row else None
+
+
+def whole_number(text: str | None) -> int:
+    """A number kept as text in the index; 0 when there is none, or it is not a number (a
+    tampered row), which makes the next pass read every file again."""
+    try:
+        return int(text or 0)
+    except ValueError:
+        return 0
 
 
 def set_meta(cursor: sqlite3.Cursor, key: str, value: str) -> None:

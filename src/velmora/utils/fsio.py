@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import errno
+import codecs
 import os
 import stat
 
@@ -44,10 +45,32 @@ def read_bytes_no_follow(path: str | bytes | os.PathLike[str] | os.PathLike[byte
         os.close(fd)
 
 
+def is_utf8(path: str) -> bool:
+    """Whether a name decoded from the file system (with surrogate escapes) was UTF-8,
+    and so can be stored as text."""
+    try:
+        path.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return True
+
+
+def escaped_name(path: str) -> str:
+    """A name that is not UTF-8 as text the index can hold and a person can read: each byte
+    that is not UTF-8 as ``\\xHH``, a backslash doubled, as in a C string."""
+    return os.fsencode(path).replace(b"\\", b"\\\\").decode("utf-8", "backslashreplace")
+
+
+def unescaped_name(text: str) -> str:
+    """The name ``escaped_name`` made ``text`` from."""
+    return os.fsdecode(codecs.escape_decode(text.encode("utf-8"))[0])
+
+
 def is_plain_relative(path: object) -> bool:
     """Whether ``path`` (read from the index, say) names a file below a root: relative,
-    "/"-separated, no empty, "." or ".." component, no NUL or backslash."""
-    if not isinstance(path, str) or not path or "\0" in path or "\\" in path:
+    "/"-separated, no empty, "." or ".." component, no NUL. (A backslash is a character
+    of a name here, as git and the file system take it, not a separator.)"""
+    if not isinstance(path, str) or not path or "\0" in path:
         return False
     return not path.startswith("/") and all(
         part not in ("", ".", "..") for part in path.split("/")
