@@ -207,14 +207,14 @@ def test_switching_layout_rebuilds_the_chunks(repo, capsys):
 
 def test_text_output_like_grep(repo, capsys):
     (repo / "ctx.txt").write_text("".join(f"line {n}{' hit' if n in (3, 5, 12) else ''}\n" for n in range(1, 16)))
-    code, out, err = run(capsys, "search", "code", "-C", "1", "--glob", "ctx.txt", "hit")
+    code, out, err = run(capsys, "search", "code", "--column", "-C", "1", "--glob", "ctx.txt", "hit")
     assert code == 0
     assert "indexed" in err  # there was no index yet: it is made first
     assert out == (
         "ctx.txt-2-line 2\nctx.txt:3:8:line 3 hit\nctx.txt-4-line 4\nctx.txt:5:8:line 5 hit\n"
         "ctx.txt-6-line 6\n--\nctx.txt-11-line 11\nctx.txt:12:9:line 12 hit\nctx.txt-13-line 13\n"
     )
-    code, out, _ = run(capsys, "search", "code", "--color", "always", "-g", "cr.txt", "needle")
+    code, out, _ = run(capsys, "search", "code", "--column", "--color", "always", "-g", "cr.txt", "needle")
     assert out == "\x1b[35mcr.txt\x1b[0m:\x1b[32m2\x1b[0m:6:beta \x1b[1;31mneedle\x1b[0m\n"
 
 
@@ -224,7 +224,7 @@ def test_max_count_stops_within_and_across_chunks(repo, capsys, layout, through)
     run(capsys, "index", "--layout", layout, repo)
     through(repo)
     for count in (0, 3, 64, 70, 500):
-        code, out, _ = run(capsys, "search", "code", "-g", "many.txt", "-m", str(count), "hit")
+        code, out, _ = run(capsys, "search", "code", "--column", "-g", "many.txt", "-m", str(count), "hit")
         assert out == "".join(f"many.txt:{n}:1:hit {n}\n" for n in range(1, min(count, 200) + 1))
         assert code == (0 if count else 1)
 
@@ -232,9 +232,9 @@ def test_max_count_stops_within_and_across_chunks(repo, capsys, layout, through)
 def test_globs_and_max_count(repo, capsys, through):
     run(capsys, "index", repo)
     through(repo)
-    code, out, _ = run(capsys, "search", "code", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
+    code, out, _ = run(capsys, "search", "code", "--column", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
     assert out == 'data/small.json:1:4:{"needle": 1, "Wrap": true}\n'
-    code, out, _ = run(capsys, "search", "code", "-m", "2", "needle", "-g", "*.json")
+    code, out, _ = run(capsys, "search", "code", "-n", "-m", "2", "needle", "-g", "*.json")
     assert [line.split(":")[:2] for line in out.splitlines()] == [["data/big.json", "2"], ["data/big.json", "3"], ["data/small.json", "1"]]
     code, out, _ = run(capsys, "search", "code", "no such text anywhere")
     assert (code, out) == (1, "")
@@ -314,7 +314,7 @@ def test_walk_without_git_honours_gitignore(tmp_path):
 
 def test_the_command_runs_as_a_program(repo):
     done = subprocess.run(
-        [sys.executable, "-m", "velmora.cli", "search", "code", "-g", "cr.txt", "needle"],
+        [sys.executable, "-m", "velmora.cli", "search", "code", "--column", "-g", "cr.txt", "needle"],
         capture_output=True, text=True, cwd=repo,
         env={**os.environ, "PYTHONPATH": str(Path(cli.__file__).parents[1])},
     )

@@ -55,7 +55,7 @@ def plain_scan(root: Path, needle: str) -> list[str]:
 def search(root: Path, *argv: str) -> tuple[list[str], str]:
     with contextlib.redirect_stdout(out := _Text()), contextlib.redirect_stderr(err := _Text()):
         with contextlib.chdir(root):
-            cli.main(["search", "code", "--color", "never", *argv])
+            cli.main(["search", "code", "--color", "never", "--column", "--hidden", *argv])
     return out.getvalue().splitlines(), err.getvalue()
 
 

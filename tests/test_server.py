@@ -49,6 +49,9 @@ def test_search_streams_rg_records_up_to_the_limit(server):
     summary = records(base, q="needle", limit=2, repo=first.name)[-1]["data"]
     assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
         first.name, 2, True)
+    summary = records(base, q="needle", limit=3, repo=first.name)[-1]["data"]  # as many as it holds
+    assert (summary["limited"], summary["stats"]["searches"], summary["stats"]["bytes_searched"]) == (
+        False, len(FILES), sum(map(len, FILES.values())))
     assert matches(records(base, q="needle", repo=second)) == [("only.txt", 1)]
     # Without repo=, in path order: every repository in turn, under one limit; each record
     # names its own.
@@ -61,7 +64,7 @@ def test_search_streams_rg_records_up_to_the_limit(server):
             second if limit >= 4 else first.name]
         summary = found[-1]["data"]
         assert (summary["repo"], summary["stats"]["matches"], summary["limited"]) == (
-            None, min(limit, 4), limit <= 4)
+            None, min(limit, 4), limit < 4)  # limited: more matched than it let through
     # Best first, the default: across the repositories (a definition, then shorter paths);
     # the limit keeps the best.
     begun = [(r["data"]["repo"], r["data"]["path"]["text"])

@@ -18,7 +18,7 @@ void append_number(std::string& out, int64_t value) {
 }
 
 // Where a line is found: its bytes [begin, end) in the chunk's text, and the column of the
-// first match on it, in code points.
+// first match on it, in bytes.
 struct FoundLine {
     size_t begin;
     size_t end;
@@ -59,7 +59,7 @@ class Needle {
                                            : line_start;
             const void* lf_after = std::memchr(text + at, '\n', size - at);
             const size_t end = lf_after ? static_cast<size_t>(static_cast<const uint8_t*>(lf_after) - text) : size;
-            if (!found(FoundLine{begin, end, utf8_code_points(text + begin, at - begin)})) break;
+            if (!found(FoundLine{begin, end, at - begin})) break;
             if (end == size) break;
             line_start = end + 1;
             at = find(text, size, line_start);
@@ -87,7 +87,10 @@ class Needle {
             const size_t end = lf ? static_cast<size_t>(static_cast<const uint8_t*>(lf) - text) : size;
             const size_t wide_size = utf8_code_points(text + begin, end - begin);
             const size_t at = find_folded(wide_.data() + wide_begin, wide_size, folded_);
-            if (at != kNotFound && !found(FoundLine{begin, end, at})) break;
+            if (at != kNotFound &&
+                !found(FoundLine{begin, end, utf8_prefix_bytes(text + begin, end - begin, at)})) {
+                break;
+            }
             if (end == size) break;
             begin = end + 1;
             wide_begin += wide_size + 1;

@@ -3,7 +3,7 @@
 //   - a chunk's text is its lines joined by LF (its lines are the text split on LF);
 //   - a line matches where str.find(needle) finds the needle in it, or, ignoring case,
 //     where line.lower().find(needle) does (an ASCII needle, given lower-cased: the rules
-//     of core/ascii_search.hpp); the column is the match's code point in the line;
+//     of core/ascii_search.hpp); the column is the match's byte offset in the line, as rg counts;
 //   - a body is damaged when it is no frame of the index's codec, or when its text is no
 //     UTF-8 and the host would have decoded it: always when case is ignored, and otherwise
 //     only when its bytes hold the needle (a body without it is never turned into a str);

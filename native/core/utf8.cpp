@@ -60,6 +60,14 @@ size_t utf8_code_points(const uint8_t* bytes, size_t size) noexcept {
     return count;
 }
 
+size_t utf8_prefix_bytes(const uint8_t* bytes, size_t size, size_t code_points) noexcept {
+    size_t i = 0;
+    for (size_t seen = 0; i < size; ++i) {
+        if (!continuation(bytes[i]) && seen++ == code_points) break;
+    }
+    return i;
+}
+
 void decode_utf8(const uint8_t* bytes, size_t size, std::vector<uint32_t>& out) {
     out.clear();
     for (size_t i = 0; i < size;) {

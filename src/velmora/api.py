@@ -28,6 +28,7 @@ from velmora.storage.database import Database
 from velmora.query.language import Parsed
 from velmora.query.pattern import Query, QueryError
 from velmora.search.engine import Hit, Run, matching_globs, matching_lines, search
+from velmora.search.reach import Reach
 from velmora.storage.file_rows import FileRow, Files, Indexed, select_files
 from velmora.storage import layouts
 from velmora.utils.fsio import is_plain_relative, is_utf8, unescaped_name
@@ -42,6 +43,12 @@ _DAMAGE = (zlib.error, UnicodeError, TypeError, ValueError, OverflowError)
 # Ids of the files read from disk for names the index cannot hold: below those of files
 # added since the last pass (-1, -2, ...).
 _NOT_UTF8_IDS = -(1 << 31)
+_IGNORE_FILES_SQL = (
+    "SELECT path FROM files WHERE path GLOB '*.ignore' OR path GLOB '*.rgignore'"
+)
+_LISTED_SKIPPED_SQL = (
+    "SELECT path FROM skipped WHERE reason IN ('binary', 'unreadable', 'too many lines')"
+)
 
 # What marks a repository's top directory, as git finds its own.
 _ROOT_MARKERS = (".velmora", ".git")
@@ -54,6 +61,23 @@ class RepositoryError(Exception):
 def find_root(path: str | os.PathLike[str] = ".") -> Path:
     """The repository holding ``path``: the nearest directory at or above it that holds
     ``.velmora/`` or ``.git/``, or ``path`` itself when none does."""
+    start = _directory(path)
+    return find_repository(start) or start
+
+
+def find_repository(path: str | os.PathLike[str]) -> Path | None:
+    """The nearest directory at or above the directory ``path`` that holds ``.velmora/`` or
+    ``.git/``; None when none does."""
+    start = _directory(path)
+    for directory in (start, *start.parents):
+        # lexists: a marker that is a symlink still marks the root, so that the index's
+        # own refusal of it is reported rather than an index made somewhere else.
+        if any(os.path.lexists(directory / marker) for marker in _ROOT_MARKERS):
+            return directory
+    return None
+
+
+def _directory(path: str | os.PathLike[str]) -> Path:
     start = Path(path)
     try:
         start = start.resolve(strict=True)
@@ -61,11 +85,6 @@ def find_root(path: str | os.PathLike[str] = ".") -> Path:
         raise RepositoryError(f"no such repository: {os.fspath(path)}") from None
     if not start.is_dir():
         raise RepositoryError(f"not a directory: {os.fspath(path)}")
-    for directory in (start, *start.parents):
-        # lexists: a marker that is a symlink still marks the root, so that the index's
-        # own refusal of it is reported rather than an index made somewhere else.
-        if any(os.path.lexists(directory / marker) for marker in _ROOT_MARKERS):
-            return directory
     return start
 
 
@@ -114,6 +133,9 @@ class Repository:
         refresh: bool = True,
         name: str | None = None,
         relevance: bool = False,
+        invert: bool = False,
+        multiline: bool = False,
+        reach: Reach | None = None,
     ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
         """The matches file by file (paths relative to the root, sorted), and why the files
         were read from disk (None when they weren't).
@@ -127,7 +149,9 @@ class Repository:
         name, as rg knows them ("py"; "!py" excludes); ``before``/``after`` add context
         lines; ``max_count`` bounds the matching lines per file. With ``refresh``, files
         changed since the index was written are taken as they are now. With ``relevance``
-        the files come best first (``search.ranking``), once all are found.
+        the files come best first (``search.ranking``), once all are found. With ``invert``
+        the lines that do not match are the hits; with ``multiline`` a regex may span lines.
+        ``reach`` applies rg's switches over hidden and ignored files, depth and order.
         """
         before, after = arguments.count("before", before), arguments.count("after", after)
         if max_count is not None:
@@ -141,15 +165,15 @@ class Repository:
                     self._db, parsed, files, root=self.root, repo=repo, from_disk=from_disk,
                     before=before, after=after, max_count=max_count,
                 ),
-                query, globs, paths, types, refresh,
+                query, globs, paths, types, refresh, reach,
             )
         else:
             results, reason = self._searched(
                 lambda files, from_disk: search(
                     self._db, query, files, root=self.root, before=before, after=after,
-                    max_count=max_count, from_disk=from_disk,
+                    max_count=max_count, from_disk=from_disk, invert=invert, multiline=multiline,
                 ),
-                query, globs, paths, types, refresh,
+                query, globs, paths, types, refresh, reach,
             )
         if relevance:
             shown = query.shown_query() if isinstance(query, Parsed) else query
@@ -178,6 +202,7 @@ class Repository:
         paths: Sequence[str] = (),
         types: Sequence[str] = (),
         refresh: bool = True,
+        reach: Reach | None = None,
     ) -> tuple[Iterator[tuple[str, list[Run]]], str | None]:
         """As ``search`` without context or a limit, each file's matches as runs of its
         lines (``search.matching_lines``): the fast shape for printing them."""
@@ -185,7 +210,7 @@ class Repository:
             lambda files, from_disk: matching_lines(
                 self._db, query, files, root=self.root, from_disk=from_disk
             ),
-            query, globs, paths, types, refresh,
+            query, globs, paths, types, refresh, reach,
         )
 
     @property
@@ -205,6 +230,7 @@ class Repository:
         paths: Sequence[str] = (),
         types: Sequence[str] = (),
         refresh: bool = True,
+        reach: Reach | None = None,
     ) -> tuple[Iterator[bytes], str | None]:
         """A plain search (``search.native_scan.handles``) printed as the CLI prints it without
         context or colour, encoded with the UTF-8 ``encoding``, a group of files at a time:
@@ -219,14 +245,14 @@ class Repository:
                 self._db, query, files, root=self.root, mode=mode, shown=shown, encoding=encoding,
                 max_count=max_count, from_disk=from_disk,
             ),
-            query, globs, paths, types, refresh,
+            query, globs, paths, types, refresh, reach,
         )
 
     def _searched(
         self,
         run: Callable[[Files, set[int]], tuple[Iterator[_T], str | None]],
         query: Query | Parsed, globs: Sequence[str], paths: Sequence[str], types: Sequence[str],
-        refresh: bool,
+        refresh: bool, reach: Reach | None,
     ) -> tuple[Iterator[_T], str | None]:
         if not isinstance(query, (Query, Parsed)):
             raise TypeError(f"query must be a Query, not {type(query).__name__}")
@@ -234,7 +260,7 @@ class Repository:
         refresh = arguments.flag("refresh", refresh)
         try:
             matching_globs([], globs)  # a bad glob is the caller's mistake, found before any read
-            files, from_disk, stale = self._files(globs, paths, types, refresh)
+            files, from_disk, stale = self._files(globs, paths, types, refresh, reach)
             results, reason = run(files, from_disk)
         except (file_types.UnknownType, QueryError):
             raise  # the caller's mistake (a bad type name or glob), not the index's
@@ -243,11 +269,12 @@ class Repository:
         return self._guarded(results), "; ".join(filter(None, (stale, reason))) or None
 
     def _files(
-        self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool
+        self, globs: Sequence[str], paths: Sequence[str], types: Sequence[str], refresh: bool,
+        reach: Reach | None,
     ) -> tuple[Indexed, set[int], str | None]:
         """The files to search, those of them to read from disk, and why."""
         def limit(files: list[FileRow]) -> list[FileRow]:
-            return _limited(files, globs, paths, types)
+            return self._reached(_limited(files, globs, paths, types), paths, reach)
 
         if refresh:
             files, from_disk, stale = self._fresh(limit)
@@ -268,14 +295,36 @@ class Repository:
             raise self._damaged(f"it holds the path {unsafe[0]!r}")
         return names
 
+    def _reached(self, rows: list[FileRow], paths: Sequence[str], reach: Reach | None) -> list[FileRow]:
+        if reach is None:
+            return rows
+        ignore_files = self._db.kept("ignore files", lambda: [
+            path for (path,) in self._db.fetchall(_IGNORE_FILES_SQL)
+        ])
+        return reach.narrowed(self.root, rows, paths, ignore_files)
+
     def files(
-        self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = ()
+        self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = (),
+        reach: Reach | None = None,
     ) -> list[tuple[str, int]]:
         """The indexed files that a search with these limits reads, as (path, size)."""
         globs, paths, types = _limits(globs, paths, types)
         size = self._db.kept("sizes", lambda: dict(self._db.fetchall("SELECT id, size FROM files")))
         rows = _limited(select_files(self._db), globs, paths, types)
-        return [(row.path, size[row.id]) for row in rows]
+        return [(row.path, size[row.id]) for row in self._reached(rows, paths, reach)]
+
+    def listed(
+        self, *, globs: Sequence[str] = (), paths: Sequence[str] = (), types: Sequence[str] = (),
+        reach: Reach | None = None,
+    ) -> list[str]:
+        """The files a search with these limits would look at, binary ones included, as
+        rg's ``--files`` lists them: those the index holds and those it left out as binary,
+        unreadable or too long."""
+        rows = select_files(self._db) + [
+            FileRow(-1 - number, path, "", None)
+            for number, (path,) in enumerate(self._db.fetchall(_LISTED_SKIPPED_SQL))
+        ]
+        return [row.path for row in self._reached(_limited(rows, globs, paths, types), paths, reach)]
 
     def _guarded(self, results: Iterator[_T]) -> Iterator[_T]:
         try:

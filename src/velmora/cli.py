@@ -8,15 +8,19 @@ import gc
 import os
 import sqlite3
 import sys
-from collections.abc import Callable, Sequence
-from contextlib import AbstractContextManager, nullcontext
-from functools import cache
+from collections.abc import Callable, Iterator, Sequence
+from contextlib import contextmanager
+from functools import cache, partial
 from pathlib import Path
+from typing import Any
 
 from velmora.storage import schema
 from velmora.api import Repository, RepositoryError, find_root
 from velmora.storage.database import is_busy
 from velmora.query.pattern import Query, QueryError
+from velmora.output.line_format import FULL, Shape
+from velmora.search.direct import DirectTree
+from velmora import search_flags as flags
 from velmora.utils.fsio import escaped_name, read_bytes_no_follow
 
 
@@ -31,7 +35,7 @@ Served = Callable[[Path], "tuple[Repository, bool]"]
 
 def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> int:
     parser = _parser()
-    args, extra = parser.parse_known_args(argv)
+    args, extra = parser.parse_known_args(flags.joined_values(sys.argv[1:] if argv is None else argv))
     if extra:
         parser.error(f"unrecognized arguments: {' '.join(extra)}")
     args.served = served
@@ -100,8 +104,10 @@ def _index_problem(error: sqlite3.Error) -> str:
 @cache  # a server's worker answers many searches
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
-        prog="velmora", description="Index a repository and search its code.", formatter_class=_Formatter
+        prog="velmora", description="Index a repository and search its code.",
+        formatter_class=_Formatter, allow_abbrev=False,
     )
+    parser.add_argument("-V", "--version", action=_Version, help="print the version and exit")
     commands = parser.add_subparsers(dest="command", required=True, parser_class=_CommandParser)
 
     index = commands.add_parser("index", help="index a repository, or bring its index up to date")
@@ -126,6 +132,7 @@ def _parser() -> argparse.ArgumentParser:
     kinds = search_cmd.add_subparsers(dest="kind", required=True, parser_class=_CommandParser)
     _search_code_options(kinds.add_parser(
         "code", help="find lines matching a pattern in the indexed files",
+        formatter_class=flags.RgHelp,
         usage="%(prog)s [OPTIONS] PATTERN [PATH ...]\n       %(prog)s [OPTIONS] -e PATTERN ... [PATH ...]",
     ))
 
@@ -149,59 +156,77 @@ def _parser() -> argparse.ArgumentParser:
 
 def _search_code_options(code: argparse.ArgumentParser) -> None:
     code.add_argument("positionals", nargs="*", metavar="PATTERN [PATH ...]",
-                      help="a Python regex (plain text when it has no regex syntax); the "
-                      "files and directories to search (default: the current directory)")
+                      help="A Python regex (plain text when it has no regex syntax), then the "
+                      "files and directories to search (default: the current directory).")
     code.add_argument("-q", "--query", metavar="QUERY",
-                      help="a query of the search box's language (terms, or, -, parentheses, "
-                      "file:, lang:, sym:, case:, content:, type:file); every argument is a PATH")
+                      help="A query of the search box's language (terms, or, -, parentheses, "
+                      "file:, lang:, sym:, case:, content:, type:file); every argument is a PATH.")
     code.add_argument("-e", "--regexp", action="append", default=[], metavar="PATTERN",
-                      help="a pattern; repeatable, a line matching any of them matches")
+                      help="A pattern to search for; repeatable.")
     code.add_argument("-F", "--fixed-strings", action="store_true",
-                      help="the patterns are plain text, not regexes")
+                      help="Treat the pattern as a literal string.")
     code.add_argument("-i", "--ignore-case", dest="case", action="store_const", const="ignore",
-                      default="sensitive", help="ignore case")
+                      default="sensitive", help="Case insensitive search.")
     code.add_argument("-S", "--smart-case", dest="case", action="store_const", const="smart",
-                      help="ignore case unless a pattern has an upper-case letter")
+                      help="Smart case search: insensitive unless a pattern has an upper-case letter.")
     code.add_argument("-s", "--case-sensitive", dest="case", action="store_const",
-                      const="sensitive", help="respect case (the default)")
+                      const="sensitive", help="Search case sensitively (default).")
     code.add_argument("-w", "--word-regexp", action="store_true",
-                      help="only matches that no word character touches")
+                      help="Only show matches surrounded by word boundaries.")
     shape = code.add_mutually_exclusive_group()
     shape.add_argument("-l", "--files-with-matches", dest="mode", action="store_const",
-                       const="files", default="lines", help="print only the files that match")
+                       const="files", default="lines", help="Print the paths with at least one match.")
     shape.add_argument("-c", "--count", dest="mode", action="store_const", const="count",
-                       help="print each matching file with its number of matching lines")
+                       help="Only show the count of matching lines for each file.")
     shape.add_argument("--json", dest="mode", action="store_const", const="json",
-                       help="print results as JSON lines, as rg --json does")
+                       help="Show search results in a JSON Lines format.")
     # As in rg, the last of -A, -B and -C given wins for each side.
     code.add_argument("-A", "--after-context", dest="after", type=_count, default=0,
-                      metavar="N", help="show N lines after each match")
+                      metavar="NUM", help="Show NUM lines after each match.")
     code.add_argument("-B", "--before-context", dest="before", type=_count, default=0,
-                      metavar="N", help="show N lines before each match")
-    code.add_argument("-C", "--context", action=_BothSides, type=_count, metavar="N",
-                      help="show N lines before and after each match")
+                      metavar="NUM", help="Show NUM lines before each match.")
+    code.add_argument("-C", "--context", action=_BothSides, type=_count, metavar="NUM",
+                      help="Show NUM lines before and after each match.")
     code.add_argument("-t", "--type", action="append", default=[], metavar="TYPE",
-                      help="search only files of this type (see --type-list); repeatable")
+                      help="Only search files matching TYPE (see --type-list); repeatable.")
     code.add_argument("-T", "--type-not", action="append", default=[], metavar="TYPE",
-                      help="do not search files of this type; repeatable")
-    code.add_argument("--type-list", action="store_true", help="list the file types and exit")
+                      help="Do not search files matching TYPE; repeatable.")
+    code.add_argument("--type-list", action="store_true", help="Show all supported file types.")
     code.add_argument("-g", "--glob", action="append", default=[],
-                      help="search only files matching this glob; !GLOB excludes (repeatable)")
-    code.add_argument("-m", "--max-count", type=_count, metavar="N",
-                      help="at most N matching lines per file")
+                      help="Include or exclude files (!GLOB excludes); repeatable.")
+    code.add_argument("-m", "--max-count", type=_count, metavar="NUM",
+                      help="Limit the number of matching lines per file.")
     code.add_argument("--stats", action="store_true",
-                      help="print what the search found and did, on standard error")
-    code.add_argument("--sort", choices=("path", "relevance"), default="path",
-                      help="the order of the files: by path, or best first (a definition of "
-                      "what is looked for, a match in the file's name, whole words, short paths)")
+                      help="Print statistics about this search, after the results.")
     code.add_argument("--no-refresh", dest="refresh", action="store_false",
-                      help="search the index as it is, without taking in files changed since")
+                      help="Search the index as it is, without taking in files changed since.")
     code.add_argument("--color", choices=("auto", "always", "never"), default="auto",
-                      help="highlight paths, line numbers and matches (auto: on a terminal)")
+                      metavar="WHEN", help="Controls when to use color: auto (on a terminal), "
+                      "always or never.")
     code.add_argument("--no-server", dest="server", action="store_false",
-                      help="search in this process, and start no background server "
-                      "(also VELMORA_NO_SERVER=1)")
+                      help="Search in this process, and start no background server "
+                      "(also VELMORA_NO_SERVER=1).")
+    code.add_argument("-V", "--version", action=_Version,
+                      help="Prints version information (and the index's schema).")
+    flags.add_flags(code, _count)
     code.set_defaults(run=_search)
+
+
+class _Version(argparse.Action):
+    """The version and the index's schema; looked up only when asked for (the package's
+    metadata costs a search start-up time)."""
+
+    def __init__(self, option_strings, dest, **options) -> None:
+        super().__init__(option_strings, dest, nargs=0, **options)
+
+    def __call__(self, parser, namespace, values, option_string=None):
+        from importlib import metadata
+
+        try:
+            version = metadata.version("velmora")
+        except metadata.PackageNotFoundError:
+            version = "(not installed)"
+        parser.exit(0, f"velmora {version}\nindex schema {schema.SCHEMA_VERSION}\n")
 
 
 class _BothSides(argparse.Action):
@@ -240,6 +265,8 @@ class _CommandParser(argparse.ArgumentParser):
 
     def __init__(self, *args, **options) -> None:
         options.setdefault("formatter_class", _Formatter)
+        # An abbreviation would hide a mistake: --files is not --files-with-matches.
+        options.setdefault("allow_abbrev", False)
         super().__init__(*args, **options)
 
     def parse_known_args(self, args=None, namespace=None):
@@ -335,7 +362,7 @@ def _search(args: argparse.Namespace) -> int:
     # Everything the user gave is checked before the index is touched.
     patterns, paths = (
         ([], args.positionals) if args.query is not None
-        else (args.regexp, args.positionals) if args.regexp
+        else (args.regexp, args.positionals) if args.regexp or args.files
         else (args.positionals[:1], args.positionals[1:])
     )
     if args.query is not None:
@@ -349,87 +376,101 @@ def _search(args: argparse.Namespace) -> int:
         query = parsed.shown_query()
         if args.mode == "lines" and parsed.lists_files:
             args.mode = "files"
-    elif not patterns:
+    elif not (patterns or args.files):
         raise UsageError("no pattern given (velmora search code PATTERN [PATH ...])")
     else:
         query = asked = Query.parse(
             patterns, fixed=args.fixed_strings, ignore_case=args.case == "ignore",
-            smart_case=args.case == "smart", word=args.word_regexp,
-        )
+            smart_case=args.case == "smart", word=args.word_regexp, line=args.line_regexp,
+        ) if patterns else Query(None, None, True)
     types = [*args.type, *(f"!{name}" for name in args.type_not)]
     try:
         file_types.matcher(types)
     except file_types.UnknownType as error:
         raise UsageError(str(error)) from None
-    root, limits = _scope(paths)
-    if not schema.index_path(root).exists():
-        # Imported only here: a search of an existing index starts faster without it.
-        from velmora.index import build as indexer
-
-        print(indexer.index(root).line(), file=sys.stderr)
-    under = [prefix for _, prefix in limits]
+    try:
+        scopes = flags.scopes(paths)
+    except flags.ScopeError as error:
+        raise UsageError(str(error)) from None
+    one_file = len(paths) == 1 and not os.path.isdir(paths[0])
+    tty = sys.stdout.isatty()
+    shape, reach, globs = flags.shape(args, one_file, tty), flags.reach(args), flags.globs(args)
     context = bool(args.before or args.after)
-    color = args.color == "always" or (args.color == "auto" and sys.stdout.isatty())
-    # A pattern's files in path order need no object per file: the fast paths below.
-    streamed = asked is query and args.sort == "path"
+    color = args.color == "always" or (args.color == "auto" and tty)
+    # A pattern's files in the order they are read need no object per file: the fast paths.
+    streamed = asked is query and args.sort != "relevance"
     # Plain lines, counts and file names print straight from the matched lines, without an
     # object per match; a case-ignoring needle's columns need the per-match path.
     plain = streamed and not (
-        context or color or args.stats or args.max_count is not None
+        context or color or args.stats or args.max_count is not None or args.invert_match
+        or args.multiline or not shape.plain() or args.only_matching and args.mode == "count"
     ) and (
         args.mode in ("count", "files")
         or args.mode == "lines" and (query.pattern is not None or query.case_sensitive)
     )
-    opened: AbstractContextManager[Repository]
-    if args.served is None:
-        opened = Repository.at(root, create=False)
-    else:
-        repository, fresh = args.served(root)
-        opened, args.refresh = nullcontext(repository), args.refresh and not fresh
-    with opened as repo:
-        limited = {"globs": args.glob, "paths": under, "types": types, "refresh": args.refresh}
-        if streamed and repo.stores_frames and _native(query, args, context or color):
-            found = _print_native(repo, query, args, _shown(limits), limited)
-        else:
+    printer = output.Printer(
+        query, sys.stdout, mode=args.mode, context=context, color=color, stats=args.stats,
+        shape=shape,
+    )
+    searched: list[tuple[str, int]] = []
+    native = streamed and _native(query, args, shape, context or color)
+    for scope in scopes:
+        with _opened(scope, args.served, direct=not reach.ignore_files) as (repo, fresh):
+            root, under = scope.root, [prefix for _, prefix in scope.limits]
+            printer.shown = _shown(scope.limits)
+            printer.read = partial(_read, root)
+            limits: dict[str, Any] = {"globs": globs, "paths": under, "types": types, "reach": reach}
+            if args.files:
+                names = repo.listed(**limits)
+                sys.stdout.write("".join(shape.named(printer.shown(path), "") for path in names))
+                printer.found |= bool(names)
+                continue
+            refresh = args.refresh and not fresh
+            if native and isinstance(repo, Repository) and repo.stores_frames:
+                printer.found |= _print_native(repo, query, args, printer.shown, refresh=refresh, **limits)
+                continue
             if plain:
-                runs, reason = repo.matching_lines(query, **limited)
+                runs, reason = repo.matching_lines(query, refresh=refresh, **limits)
             else:
                 results, reason = repo.search(
                     asked, before=args.before, after=args.after, max_count=args.max_count,
-                    relevance=args.sort == "relevance", **limited
+                    invert=args.invert_match, multiline=args.multiline, refresh=refresh,
+                    relevance=args.sort == "relevance", **limits,
                 )
             if reason:
                 print(f"velmora: {reason}", file=sys.stderr)
-            printer = output.Printer(
-                query, sys.stdout, mode=args.mode, context=context, color=color,
-                shown=_shown(limits), read=lambda path: _read(root, path), stats=args.stats,
-            )
-            found = printer.print_runs(runs) if plain else printer.print_all(results)
+            printer.print_runs(runs) if plain else printer.print_all(results)
             if args.stats or args.mode == "json":
-                searched = repo.files(globs=args.glob, paths=under, types=types)
-                printer.finish(len(searched), sum(size for _, size in searched))
-            sys.stdout.flush()
+                searched += repo.files(**limits)
+    printer.finish(len(searched), sum(size for _, size in searched))
+    sys.stdout.flush()
     if args.served is None and args.server and not os.environ.get("VELMORA_NO_SERVER"):
         from velmora.serve import background
 
-        background.start(root)  # for the next search
-    return 0 if found else 1
+        for scope in scopes:
+            if scope.indexed:
+                background.start(scope.root)  # for the next search
+    return 0 if printer.found else 1
 
 
-def _native(query: Query, args: argparse.Namespace, decorated: bool) -> bool:
+def _native(query: Query, args: argparse.Namespace, shape: Shape, decorated: bool) -> bool:
     """Whether the search prints from the native scan: a plain needle, output without
     context, colour or statistics, on a UTF-8 stream (the scan's output is the text's own
-    bytes)."""
+    bytes), in a layout the scan prints: each file's name, or its name and count."""
     from velmora.search import native_scan
 
     encoding = codecs.lookup(sys.stdout.encoding or "ascii").name
+    # The scan prints path:line:column:text, path:count or path.
+    laid_out = shape == FULL if args.mode == "lines" else (args.mode == "files" or shape.filename) and not (
+        shape.null or args.only_matching
+    )
     return (
-        native_scan.handles(query) and not (decorated or args.stats)
-        and args.mode in ("lines", "count", "files") and encoding == "utf-8"
+        native_scan.handles(query) and not (decorated or args.stats or args.invert_match or args.files)
+        and args.mode in ("lines", "count", "files") and laid_out and encoding == "utf-8"
     )
 
 
-def _print_native(repo: Repository, query: Query, args, shown, limited) -> bool:
+def _print_native(repo: Repository, query: Query, args, shown, **limited) -> bool:
     """Print the search from the native scan; whether anything matched."""
     blocks, reason = repo.printed(
         query, mode=args.mode, shown=shown, encoding=sys.stdout.encoding,
@@ -446,22 +487,33 @@ def _print_native(repo: Repository, query: Query, args, shown, limited) -> bool:
     return found
 
 
-def _scope(paths: list[str]) -> tuple[Path, list[tuple[str, str]]]:
-    """The repository holding the paths (default: the current directory), and each path as
-    given beside the same path relative to the repository's root ("" for the root)."""
-    targets = [Path(text).resolve() for text in paths] or [Path.cwd()]
-    for text, target in zip(paths, targets):
-        if not target.exists():
-            raise UsageError(f"no such file or directory: {text}")
-    root = _repo(str(targets[0] if targets[0].is_dir() else targets[0].parent))
-    limits = []
-    # With no path, the current directory is searched and its files print without "./".
-    for text, target in zip(paths or [""], targets):
-        if not target.is_relative_to(root):
-            raise UsageError(f"{text} is outside the repository at {root}")
-        prefix = target.relative_to(root).as_posix()
-        limits.append((text.rstrip("/") or text, "" if prefix == "." else prefix))
-    return root, limits
+@contextmanager
+def _opened(
+    scope: flags.Scope, served: Served | None, *, direct: bool
+) -> Iterator[tuple[Repository | DirectTree, bool]]:
+    """What a scope is searched with: its repository's index (made first when there is
+    none yet; a server's, when one runs the search), or, outside a repository or when
+    asked, its files read directly; and whether a server brought the index up to date."""
+    if served is not None:
+        repository, fresh = served(scope.root)  # refused for a tree the server does not hold
+        if not direct:
+            yield repository, fresh
+            return
+    if not scope.indexed or direct:
+        if not scope.indexed:
+            print(
+                f"velmora: {scope.root} is in no repository: its files were searched directly "
+                f"(`velmora index {scope.root}` indexes it)", file=sys.stderr,
+            )
+        yield DirectTree(scope.root), False
+        return
+    if not schema.index_path(scope.root).exists():
+        # Imported only here: a search of an existing index starts faster without it.
+        from velmora.index import build as indexer
+
+        print(indexer.index(scope.root).line(), file=sys.stderr)
+    with Repository.at(scope.root, create=False) as repository:
+        yield repository, False
 
 
 def _serve(args: argparse.Namespace) -> int:

@@ -18,10 +18,8 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import NamedTuple
 
-import pathspec
-
-from velmora.query import globs
 from velmora.index import safety, symbols
+from velmora.index.ignore_rules import IgnoreRules
 from velmora.storage import schema
 from velmora.storage.database import Database
 from velmora.utils.progress import Progress
@@ -120,18 +118,8 @@ def _git_files(root: Path) -> list[str] | None:
 def _walk_files(root: Path) -> list[str]:
     """Every file below ``root`` but ``.git``, ``.velmora`` and what ``.gitignore``s exclude."""
     found: list[str] = []
-    specs: dict[str, pathspec.GitIgnoreSpec] = {}
-
-    def ignored(rel: str, is_dir: bool) -> bool:
-        # The deepest .gitignore with a rule for the path decides, as in git.
-        for base in sorted(specs, key=len, reverse=True):
-            if base and not rel.startswith(base + "/"):
-                continue
-            sub = (rel[len(base) + 1 :] if base else rel) + ("/" if is_dir else "")
-            include = specs[base].check_file(sub).include
-            if include is not None:
-                return include
-        return False
+    rules = IgnoreRules()
+    ignored = rules.ignored
 
     # A stack, not recursion: a tree may be deeper than Python's recursion limit.
     pending = [""]
@@ -146,7 +134,7 @@ def _walk_files(root: Path) -> list[str]:
         if (".gitignore", False) in entries:
             try:
                 lines = (root / prefix / ".gitignore").read_text(errors="replace").splitlines()
-                specs[base] = globs.ignore_file(lines)
+                rules.add(base, lines)
             except OSError:
                 pass
         for name, is_dir in sorted(entries, reverse=True):

@@ -11,11 +11,10 @@ from collections.abc import Callable, Iterable
 from itertools import accumulate
 from typing import TextIO
 
+from velmora.output.line_format import FULL, Shape, lines_shown, match_spans, run_lines, text_lines
 from velmora.query.pattern import Query
 from velmora.search.engine import Hit, Run
 from velmora.utils.fsio import is_utf8
-
-PATH, NUMBER, MATCH, RESET = "\x1b[35m", "\x1b[32m", "\x1b[1;31m", "\x1b[0m"
 
 
 class Stats:
@@ -36,110 +35,15 @@ class Stats:
         )
 
 
-def match_spans(query: Query, line: str) -> list[tuple[int, int]]:
-    """Every match of ``query`` in ``line``, as (start, end) offsets in the line itself."""
-    if query.pattern is not None:
-        return [found.span() for found in query.pattern.finditer(line)]
-    needle = query.needle or ""
-    if query.case_sensitive:
-        return _find_all(line, needle)
-    lowered = line.lower()
-    spans = _find_all(lowered, needle)
-    if len(lowered) == len(line):
-        return spans
-    # A letter such as İ lower-cases to two characters: the spans map back onto the line.
-    origin = _origins(line)
-    return [(origin[start], origin[end - 1] + 1 if end > start else origin[start]) for start, end in spans]
-
-
-def column_in_line(query: Query, line: str, column: int) -> int:
-    """The reported column as an offset in ``line``: a case-ignoring plain search counts in
-    the lower-cased line, where a letter such as İ takes two characters."""
-    if query.needle is None or query.case_sensitive or line.isascii():
-        return column
-    return _origins(line)[column] if len(line.lower()) != len(line) else column
-
-
-def _origins(line: str) -> list[int]:
-    # For each character of line.lower(), the offset in line of the letter it comes from.
-    return [at for at, char in enumerate(line) for _ in char.lower()] + [len(line)]
-
-
-def _find_all(text: str, needle: str) -> list[tuple[int, int]]:
-    spans, size = [], len(needle)
-    at = text.find(needle)
-    while at >= 0:
-        spans.append((at, at + size))
-        at = text.find(needle, at + (size or 1))
-    return spans
-
-
-def text_lines(
-    shown_path: str, hits: list[Hit], query: Query, *, context: bool, color: bool
-) -> str:
-    """One file's matches as ``path:line:column:text``, its context lines as
-    ``path-line-text``, and ``--`` between runs of lines that do not touch."""
-    fix_columns = query.needle is not None and not query.case_sensitive
-    if not (context or color or fix_columns):
-        # The common case, kept to one f-string per match: each context is the line alone.
-        return "".join([
-            f"{shown_path}:{line}:{column + 1}:{lines[0][1]}\n" for line, column, lines in hits
-        ])
-    lines = _lines_shown(hits)
-    columns = {hit.line: hit.column for hit in hits}
-    if fix_columns:
-        columns = {number: column_in_line(query, lines[number], column) for number, column in columns.items()}
-    if color:
-        shown_path = f"{PATH}{shown_path}{RESET}"
-    out: list[str] = []
-    after = next(iter(lines))
-    for number, text in lines.items():
-        if number != after and context:
-            out.append("--\n")
-        after = number + 1
-        shown_number = f"{NUMBER}{number}{RESET}" if color else number
-        if number in columns:
-            if color:
-                text = _highlight(query, text)
-            out.append(f"{shown_path}:{shown_number}:{columns[number] + 1}:{text}\n")
-        else:
-            out.append(f"{shown_path}-{shown_number}-{text}\n")
-    return "".join(out)
-
-
 def plain_block(mode: str, shown_path: str, hits: list[Hit], query: Query) -> str:
-    """One file's output in a mode without context, colour or statistics: its matching
-    lines ("lines"), their count ("count") or its path ("files")."""
+    """One file's output in a mode without context, colour or statistics, laid out as
+    ``path:line:column:text``: its matching lines ("lines"), their count ("count") or its
+    path ("files")."""
     if mode == "files":
         return f"{shown_path}\n"
     if mode == "count":
         return f"{shown_path}:{len(hits)}\n"
     return text_lines(shown_path, hits, query, context=False, color=False)
-
-
-def _lines_shown(hits: list[Hit]) -> dict[int, str]:
-    # Contexts overlap and follow one another: merged, each line once, in order.
-    lines: dict[int, str] = {}
-    for hit in hits:
-        lines.update(hit.context)
-    return lines
-
-
-def _matched_text(hit: Hit) -> str:
-    # The context runs from its first line, up to ``before`` lines above the match.
-    return hit.context[hit.line - hit.context[0][0]][1]
-
-
-def _highlight(query: Query, line: str) -> str:
-    if query.case_sensitive and query.needle:
-        return line.replace(query.needle, f"{MATCH}{query.needle}{RESET}")
-    pieces, done = [], 0
-    for start, end in match_spans(query, line):
-        if end > start:
-            pieces += [line[done:start], MATCH, line[start:end], RESET]
-            done = end
-    pieces.append(line[done:])
-    return "".join(pieces)
 
 
 def json_records(
@@ -169,7 +73,7 @@ def json_records(
     matched = {hit.line for hit in hits}
     out = [f'{{"type":"begin","data":{path}}}}}\n']
     matches = 0
-    for number, line in _lines_shown(hits).items():
+    for number, line in lines_shown(hits).items():
         if number <= len(parts):
             part = parts[number - 1]
             # The disk's line is the indexed one and its ending, unless its bytes are not UTF-8.
@@ -237,7 +141,7 @@ def _size(text: str) -> int:
 
 class Printer:
     """Writes one search's results file by file, one write per file, in one of rg's modes:
-    "lines" (the default), "count" (-c), "files" (-l) or "json"."""
+    "lines" (the default), "count" (-c), "files" (-l) or "json"; text laid out by ``shape``."""
 
     def __init__(
         self,
@@ -250,8 +154,9 @@ class Printer:
         shown: Callable[[str], str] = str,
         read: Callable[[str], bytes | None] = lambda path: None,
         stats: bool = False,
+        shape: Shape = FULL,
     ) -> None:
-        self.query, self.out, self.mode = query, out, mode
+        self.query, self.out, self.mode, self.shape = query, out, mode, shape
         self.context, self.color, self.shown, self.read = context, color, shown, read
         self.totals = Stats() if stats or mode == "json" else None
         self.started = time.perf_counter()
@@ -260,7 +165,7 @@ class Printer:
     def print_all(self, results: Iterable[tuple[str, list[Hit]]]) -> bool:
         """Print every file's results; whether anything matched."""
         totals, clock = self.totals, time.perf_counter
-        write, mode, shown = self.out.write, self.mode, self.shown
+        write, mode, shown, shape = self.out.write, self.mode, self.shown, self.shape
         took = clock()
         for path, hits in results:
             searched = clock() - took
@@ -269,14 +174,18 @@ class Printer:
                 totals.searching += searched
                 block = json_records(shown(path), hits, self.query, self.read(path), totals, searched)
             else:
-                if mode != "lines" or not (self.context or self.color):
-                    block = plain_block(mode, shown(path), hits, self.query)
+                if mode == "files":
+                    block = shape.named(shape.file_name(shown(path), self.color), "")
+                elif mode == "count":
+                    counted = self._matches(hits) if shape.only_matching else len(hits)
+                    block = shape.named(shape.file_name(shown(path), self.color), str(counted))
                 else:
                     block = text_lines(
-                        shown(path), hits, self.query, context=self.context, color=self.color
+                        shown(path), hits, self.query, context=self.context, color=self.color,
+                        shape=shape,
                     )
-                    if self.context and self.found:
-                        block = "--\n" + block
+                    if self.found:
+                        block = shape.between_files(self.context) + block
                 if totals is not None:
                     self._count(hits, block, searched)
             write(block)
@@ -286,32 +195,32 @@ class Printer:
 
     def print_runs(self, results: Iterable[tuple[str, list[Run]]]) -> bool:
         """Print every file's matching lines, as ``print_all`` does with neither context,
-        colour, statistics nor JSON: formatted straight from the runs; whether anything
-        matched."""
-        write, mode, shown, found = self.out.write, self.mode, self.shown, False
+        colour, statistics nor JSON, in a plain shape: formatted straight from the runs;
+        whether anything matched."""
+        write, mode, shown, shape, found = self.out.write, self.mode, self.shown, self.shape, self.found
         for path, runs in results:
             if mode == "files":
                 if not any(any(True for _ in matches) for _, _, matches in runs):
                     continue
-                block = f"{shown(path)}\n"
+                block = shape.named(shown(path), "")
             elif mode == "count":
                 count = sum(sum(1 for _ in matches) for _, _, matches in runs)
                 if not count:
                     continue
-                block = f"{shown(path)}:{count}\n"
+                block = shape.named(shown(path), str(count))
             else:
-                prefix = shown(path)
-                block = "".join([
-                    f"{prefix}:{first + number - 1}:{column + 1}:{lines[number - 1]}\n"
-                    for first, lines, matches in runs
-                    for number, column in matches
-                ])
+                block = run_lines(shape, shown(path), runs)
                 if not block:
                     continue
+                opening = shape.between_files(False) if found else ""
+                block = opening + shape.head(shown(path), False) + block
             write(block)
             found = True
         self.found = found
         return found
+
+    def _matches(self, hits: list[Hit]) -> int:
+        return sum(len(match_spans(self.query, _matched_text(hit))) for hit in hits if hit.column >= 0)
 
     def _count(self, hits: list[Hit], block: str, searched: float) -> None:
         totals = self.totals
@@ -319,7 +228,7 @@ class Printer:
         totals.searching += searched
         totals.files_with_matches += 1
         totals.matched_lines += len(hits)
-        totals.matches += sum(len(match_spans(self.query, _matched_text(hit))) for hit in hits)
+        totals.matches += self._matches(hits)
         totals.bytes_printed += _size(block)
 
     def finish(self, files_searched: int, bytes_searched: int) -> None:
@@ -330,3 +239,8 @@ class Printer:
         elapsed = time.perf_counter() - self.started
         closing = json_summary if self.mode == "json" else Stats.report
         self.out.write(closing(self.totals, elapsed))
+
+
+def _matched_text(hit: Hit) -> str:
+    # The context runs from its first line, up to ``before`` lines above the match.
+    return hit.context[hit.line - hit.context[0][0]][1]

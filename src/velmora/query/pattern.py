@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import re
-from collections.abc import Sequence
+from collections.abc import Iterator, Sequence
 from typing import NamedTuple
 
 
@@ -27,10 +27,12 @@ class Query(NamedTuple):
         ignore_case: bool = False,
         smart_case: bool = False,
         word: bool = False,
+        line: bool = False,
     ) -> Query:
         """A query for lines that match any of ``patterns``: Python regexes, or texts with
         ``fixed``. ``smart_case`` ignores case when no pattern has an upper-case letter
-        (outside an escape); ``word`` keeps only matches that no word character touches."""
+        (outside an escape); ``word`` keeps only matches that no word character touches;
+        ``line`` only those that are a whole line."""
         if isinstance(patterns, str):
             patterns = [patterns]
         if not patterns:
@@ -43,13 +45,15 @@ class Query(NamedTuple):
         if smart_case:
             ignore_case = not any(has_upper(text, fixed) for text in patterns)
         (first, *others) = patterns
-        if not (others or word) and (fixed or not has_regex_syntax(first)):
+        if not (others or word or line) and (fixed or not has_regex_syntax(first)):
             # Text without regex syntax runs as a plain search, which the index narrows.
             return cls(first.lower() if ignore_case else first, None, not ignore_case)
         sources = [re.escape(text) if fixed else text for text in patterns]
         source = "|".join(f"(?:{s})" for s in sources) if others else sources[0]
         if word:
             source = rf"(?<!\w)(?:{source})(?!\w)"
+        if line:
+            source = rf"^(?:{source})$"
         try:
             pattern = re.compile(source, re.IGNORECASE if ignore_case else 0)
         except (re.error, OverflowError, RecursionError) as error:
@@ -71,3 +75,13 @@ def has_upper(text: str, fixed: bool) -> bool:
     """Whether ``text`` has an upper-case letter to match (in a regex, outside an escape)."""
     # In a regex an escape such as \W or \S names a class, not a letter to match.
     return any(c.isupper() for c in (text if fixed else re.sub(r"\\.", "", text)))
+
+
+def kept_matches(matches: Iterator[re.Match[str]]) -> Iterator[re.Match[str]]:
+    """The matches of a ``finditer`` as rg counts them: an empty match right where the
+    previous one ended is not one (``.*`` matches a line once)."""
+    end = -1
+    for match in matches:
+        if match.start() != match.end() or match.start() != end:
+            yield match
+        end = match.end()

@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
+import re
+from bisect import bisect_right
 from collections.abc import Collection, Iterable, Iterator, Sequence
 from itertools import islice
 from pathlib import Path
 from typing import TYPE_CHECKING, NamedTuple, TypeAlias
 
 from velmora.query import globs as glob_specs, prefilter, trigrams
-from velmora.query.pattern import Query
+from velmora.query.pattern import Query, kept_matches
 from velmora.query.plan import Plan, plan
 from velmora.search import chunk_groups, chunk_scan
 from velmora.storage import code_text, layouts
@@ -62,7 +64,7 @@ def matching_globs(rows: list[FileRow], globs: Sequence[str]) -> list[FileRow]:
 
 
 def search(
-    db: Database,
+    db: Database | None,
     query: Query,
     files: Files | Iterable[FileRow],
     *,
@@ -71,14 +73,21 @@ def search(
     after: int = 0,
     max_count: int | None = None,
     from_disk: Collection[int] = frozenset(),
+    invert: bool = False,
+    multiline: bool = False,
 ) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
     """The matches file by file, and why the files are read from disk (None if they aren't).
 
-    ``root`` is the repository the index ``db`` belongs to; ``files`` are read as far as the
-    search needs them (``file_rows.Indexed``). The files whose ids are in ``from_disk`` are
-    read from disk whatever the index holds (files changed since it was written). The other
-    files are read a group at a time, so a search holds only one group's text.
+    ``root`` is the repository the index ``db`` belongs to (without an index, ``db`` None,
+    the files below ``root`` are read directly); ``files`` are read as far as the search
+    needs them (``file_rows.Indexed``). The files whose ids are in ``from_disk`` are read
+    from disk whatever the index holds (files changed since it was written). The other
+    files are read a group at a time, so a search holds only one group's text. With
+    ``invert`` the lines that do not match are the hits (column -1); with ``multiline`` a
+    regex's match may span lines, each of which is a hit.
     """
+    if invert or multiline and query.pattern is not None:
+        return _whole_files(db, root, query, files, from_disk, before, after, max_count, invert)
     source, segmented, reason = _segmented(db, root, query, files, from_disk, bool(before or after))
 
     def per_file() -> Iterator[tuple[str, list[Hit]]]:
@@ -90,8 +99,55 @@ def search(
     return per_file(), reason
 
 
+def _whole_files(
+    db: Database | None, root: Path, query: Query, files: Files | Iterable[FileRow],
+    from_disk: Collection[int], before: int, after: int, max_count: int | None, invert: bool,
+) -> tuple[Iterator[tuple[str, list[Hit]]], str | None]:
+    """``search`` reading every file whole: inverted, or with matches that span lines."""
+    # No needle: the source must not skip the files that do not hold it.
+    source, _, reason = _sources(db, root, Query(None, None, True), from_disk)
+    hits_in = _inverted if invert else _spanning
+
+    def per_file() -> Iterator[tuple[str, list[Hit]]]:
+        for row in listed(files).every():
+            lines = source.lines(row.id, row.path)
+            numbers = islice(hits_in(lines, query), max_count)
+            hits = [
+                _new_hit(Hit, (line, column, _numbered(lines, 1, line - before, line + after)))
+                for line, column in numbers
+            ]
+            if hits:
+                yield row.path, hits
+
+    return per_file(), reason
+
+
+def _inverted(lines: list[str], query: Query) -> Iterator[tuple[int, int]]:
+    found = code_text.line_matches(lines, query.needle or "", query.pattern, query.case_sensitive)
+    matched = {number for number, _ in found}
+    return ((number, -1) for number in range(1, len(lines) + 1) if number not in matched)
+
+
+def _spanning(lines: list[str], query: Query) -> Iterator[tuple[int, int]]:
+    # Each line a match touches, with the column where the match starts, as rg prints them.
+    assert query.pattern is not None
+    pattern = re.compile(query.pattern.pattern, query.pattern.flags | re.MULTILINE)
+    text = "\n".join(lines)
+    starts = [0]
+    for line in lines[:-1]:
+        starts.append(starts[-1] + len(line) + 1)
+    done = 0
+    for found in kept_matches(pattern.finditer(text)):
+        start, stop = found.span()
+        first = bisect_right(starts, start)
+        column = start - starts[first - 1]
+        for number in range(max(first, done + 1), bisect_right(starts, max(stop - 1, start)) + 1):
+            yield number, column
+            done = number
+
+
 def matching_lines(
-    db: Database,
+    db: Database | None,
     query: Query,
     files: Files | Iterable[FileRow],
     *,
@@ -113,7 +169,7 @@ def matching_lines(
 
 
 def _segmented(
-    db: Database,
+    db: Database | None,
     root: Path,
     query: Query,
     files: Files | Iterable[FileRow],
@@ -121,13 +177,13 @@ def _segmented(
     with_last: bool,
 ) -> tuple[TextSource, Iterator[tuple[FileRow, list[ScannedSegment]]], str | None]:
     """The source of whole files, the files that may match with their segments, and why the
-    files are read from disk."""
-    layout = db.layout
+    files are read from disk ("" without an index)."""
     planned = plan(query)
     source, on_disk, reason = _sources(db, root, query, from_disk)
     texts: Iterable[tuple[FileRow, list[chunk_groups.ReadChunk]]]
     if reason is None:
-        assert layout is not None
+        assert db is not None and db.layout is not None
+        layout = db.layout
         # A case-sensitive needle is held as it is by any chunk that holds a match (where the
         # index holds a NUL as a space, a needle without one is still found).
         held = query.needle if query.case_sensitive and "\0" not in (query.needle or "\0") else None
@@ -201,10 +257,13 @@ def stored_groups(
 
 
 def _sources(
-    db: Database, root: Path, query: Query, from_disk: Collection[int]
+    db: Database | None, root: Path, query: Query, from_disk: Collection[int]
 ) -> tuple[TextSource, Collection[int], str | None]:
     """The source of whole files, the ids of the files read from disk (those the index keeps
-    there, and ``from_disk``), and why every file is read from disk (None if it isn't)."""
+    there, and ``from_disk``), and why every file is read from disk (None if it isn't;
+    without an index, "")."""
+    if db is None:
+        return code_text.DiskText(root, query.needle, query.case_sensitive), frozenset(), ""
     source: TextSource
     source, reason = layouts.text_source(db, root, query.needle, query.case_sensitive)
     on_disk: Collection[int] = frozenset()

@@ -6,7 +6,7 @@ from __future__ import annotations
 from collections.abc import Collection, Iterator
 from pathlib import Path
 
-from velmora.output.printer import column_in_line
+from velmora.output.line_format import column_in_line
 from velmora.query.language import And, Not, Or, Parsed, Term
 from velmora.query.pattern import QueryError
 from velmora.search.engine import Hit, search

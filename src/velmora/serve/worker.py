@@ -142,12 +142,17 @@ def _search_into(
     totals = output.Stats()
     # A query of fields alone lists files without lines: the limit counts those.
     files_only = search.parsed.lists_files
-    shown = 0
+    limited = False  # whether more matched than the limit let through
     for repo, path, hits in results:
-        hits = hits[: search.limit - totals.matched_lines]
-        conn.send(Lines(output.json_records(path, hits, search.query, None, totals, repo=repo)))
         shown = totals.files_with_matches if files_only else totals.matched_lines
+        limited = shown >= search.limit or not files_only and shown + len(hits) > search.limit
         if shown >= search.limit:
             break
+        hits = hits[: search.limit - totals.matched_lines]
+        conn.send(Lines(output.json_records(path, hits, search.query, None, totals, repo=repo)))
+    numbers = range(len(repos)) if search.repo is None else [search.repo]
+    searched = [file for n in numbers for file in repos[n].files(globs=search.globs, types=search.types)]
+    totals.files_searched = len(searched)
+    totals.bytes_searched = sum(size for _, size in searched)
     totals.searching = time.perf_counter() - started
-    conn.send(Finished(totals, totals.searching, shown >= search.limit, reason))
+    conn.send(Finished(totals, totals.searching, limited, reason))
