@@ -4,12 +4,14 @@ byte as the command would, private to its user, and gone with its index."""
 from __future__ import annotations
 
 import os
+import signal
 import shutil
 import stat
 import subprocess
 import sys
 import time
 
+import live_server
 from live_server import PACKAGES, make_repo
 from velmora.serve.resident import ask
 
@@ -59,3 +61,18 @@ def _state(pid: int) -> str:
             return status.read().rsplit(")", 1)[1].split()[0]
     except OSError:
         return "Z"
+
+
+def test_an_interrupted_search_frees_its_worker(tmp_path):
+    root = make_repo(tmp_path / "repo", {"slow.txt": "a" * 40 + "b\n"})
+    with live_server.background(root):
+        # Each runs until stopped (catastrophic backtracking); the server has two workers.
+        for _ in range(2):
+            client = subprocess.Popen(
+                [sys.executable, "-m", "velmora.client", "search", "code", "(a|aa)+$"],
+                cwd=root, env=ENV, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            time.sleep(0.5)  # not a condition of the test: it passes however long this is
+            client.send_signal(signal.SIGINT)
+            assert client.communicate(timeout=60) == (b"", b"velmora: interrupted\n")
+            assert client.returncode == 130
+        assert velmora(root, "search", "code", "-F", "aab").stdout == b"slow.txt:1:39:" + b"a" * 40 + b"b\n"

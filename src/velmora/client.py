@@ -74,6 +74,10 @@ def forward(argv: list[str]) -> int | None:
     except OSError:
         if not written:
             return None
+    except KeyboardInterrupt:
+        # Closing the socket tells the server, which stops the search's worker.
+        print("velmora: interrupted", file=err)
+        return 130
     finally:
         sock.close()
     print("velmora: error: the server stopped in the middle of the search", file=err)
