@@ -10,10 +10,12 @@ are drawn as bench/search_ratios.png (matplotlib, from the bench extra).
 With --lines, the queries that every line of the corpus costs (a common word, a pair, bare
 regexes) run instead, with the CPU time (user + sys) of each command beside its wall time;
 --before SRC runs the command of another source tree (its src/, modules built) beside this
-one, for a before-and-after table in one interleaved run. The load average is printed with
-every table: the machine may be shared.
+one, for a before-and-after table in one interleaved run; --server sends velmora's searches
+through the repository's background server instead (started by the first, stopped at the
+end; the CPU time is then the client's alone). The load average is printed with every
+table: the machine may be shared.
 Usage: bench_search.py [--corpus stdlib|large ...] [--layout L ...] [--repeats N] [--keep DIR]
-                       [--lines [--before SRC]]
+                       [--lines [--before SRC | --server]]
 """
 
 from __future__ import annotations
@@ -127,7 +129,10 @@ def main() -> None:
     parser.add_argument("--keep", type=Path, help="keep the indexed copies here, for later runs")
     parser.add_argument("--lines", action="store_true", help="the line-by-line queries, with CPU time")
     parser.add_argument("--before", type=Path, help="with --lines: the source tree to compare with")
+    parser.add_argument("--server", action="store_true", help="with --lines: through the background server")
     args = parser.parse_args()
+    if args.server and args.before:
+        parser.error("--server and --before exclude one another: the two would share one server")
     if args.lines:
         line_table(args)
         return
@@ -176,7 +181,7 @@ def line_table(args: argparse.Namespace) -> None:
     env = program_env()
     rg = shutil.which("rg")
     assert rg, "rg is needed"
-    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server"]
+    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", *([] if args.server else ["--no-server"])]
     programs = [("velmora", env)] + ([("before", program_env(args.before.resolve()))] if args.before else [])
     print(f"load average {os.getloadavg()[0]:.2f}, {os.cpu_count()} cores; wall s (CPU s), "
           f"median of {args.repeats}; ratios are wall ÷ rg wall")
@@ -186,14 +191,19 @@ def line_table(args: argparse.Namespace) -> None:
         for corpus in args.corpus or ["stdlib", "large"]:
             for layout in args.layout or ["compressed"]:
                 tree = indexed_copy(corpus, layout, work, env)
-                for label, flags in LINE_QUERIES:
-                    commands = [([*velmora, *flags[:-1], "--", flags[-1]], e) for _, e in programs]
-                    commands.append(([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None))
-                    *ours, theirs = medians(commands, tree, args.repeats)
-                    times = " ".join(f"{wall:6.2f} ({cpu:5.2f})" for wall, _, _, cpu in [*ours, theirs])
-                    ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
-                    print(f"{corpus:<7} {label:<21} {times} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
-                          f"{ours[0][2]}", flush=True)
+                try:
+                    for label, flags in LINE_QUERIES:
+                        commands = [([*velmora, *flags[:-1], "--", flags[-1]], e) for _, e in programs]
+                        commands.append(([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None))
+                        *ours, theirs = medians(commands, tree, args.repeats)
+                        times = " ".join(f"{wall:6.2f} ({cpu:5.2f})" for wall, _, _, cpu in [*ours, theirs])
+                        ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
+                        print(f"{corpus:<7} {label:<21} {times} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
+                              f"{ours[0][2]}", flush=True)
+                finally:
+                    if args.server:
+                        subprocess.run([sys.executable, "-m", "velmora.cli", "stop"], cwd=tree, env=env,
+                                       capture_output=True)
         print(f"load average {os.getloadavg()[0]:.2f}")
     finally:
         if not args.keep:
