@@ -120,6 +120,9 @@ def test_odd_file_names_are_searched(tmp_path, git):
         (tmp_path / os.fsdecode(name)).write_bytes(b"needle\n")
     if git:
         subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    else:  # a tree in no repository is searched directly until it is indexed
+        assert velmora("search", "code", "-l", "needle", cwd=tmp_path, text=False).returncode == 0
+        velmora("index", cwd=tmp_path)
     found = velmora("search", "code", "-l", "needle", cwd=tmp_path, text=False)
     assert sorted(found.stdout.splitlines()) == sorted(names), found.stderr
     assert "\tbad\\xffname.txt\n" in velmora("status", cwd=tmp_path).stdout
