@@ -75,4 +75,4 @@ def test_an_interrupted_search_frees_its_worker(tmp_path):
             client.send_signal(signal.SIGINT)
             assert client.communicate(timeout=60) == (b"", b"velmora: interrupted\n")
             assert client.returncode == 130
-        assert velmora(root, "search", "code", "-F", "aab").stdout == b"slow.txt:1:39:" + b"a" * 40 + b"b\n"
+        assert velmora(root, "search", "code", "--column", "-F", "aab").stdout == b"slow.txt:1:39:" + b"a" * 40 + b"b\n"
