@@ -91,8 +91,9 @@ class Workers:
         """Send one request to a free worker and yield its replies until the last one, or a
         timeout. The worker is held for as long as the replies are read, which may outlive
         the handler that asked. A worker found dead before its first reply (killed while
-        idle, say) is replaced, and the request sent once more."""
-        for attempt in (1, 2):
+        idle, say) is replaced, and the request sent to the next one."""
+        last = self.size + 1  # every idle worker may have been killed at once
+        for attempt in range(1, last + 1):
             async with self._held() as worker:
                 worker.busy = True
                 replied = False
@@ -116,6 +117,6 @@ class Workers:
                             yield reply
                     return
                 except (EOFError, OSError):
-                    if replied or attempt == 2:
+                    if replied or attempt == last:
                         yield Refused(500, "the search process ended unexpectedly; try again")
                         return
