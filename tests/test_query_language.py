@@ -155,6 +155,7 @@ def test_a_lone_pattern_answers_as_the_plain_search(tree: Path, query: str) -> N
     ("a lang:nosuch", "unrecognized file type: nosuch"),
     ("a file:x(", "invalid regex 'x(' at 2"),
     ("case:no", "the query has no term"),
+    ("a sym:b\ud800", "not valid UTF-8 at 2"),
 ])
 def test_a_malformed_query_says_where(tree: Path, query: str, message: str) -> None:
     with pytest.raises(QueryError, match=re.escape(message)):

@@ -2,16 +2,21 @@
 
 from __future__ import annotations
 
+import re
 import sqlite3
 import subprocess
 from pathlib import Path
 
 import pytest
+from hypothesis import given
+from hypothesis import strategies as st
 
 from velmora.api import Repository
 from velmora.index import build as indexer, symbols
 from velmora.query import language
+from velmora.query.name_filter import sql_filter
 from velmora.query.pattern import QueryError
+from strategies import patterns
 
 # Each file as such code is written, with its definitions checked by hand: (line, kind, name).
 FILES = {
@@ -81,6 +86,28 @@ def test_a_ctags_that_cannot_run_here_is_given_up(extractor, monkeypatch) -> Non
     monkeypatch.setattr(subprocess, "Popen", lambda *a, **k: started.append(a) or popen(*a, **k))
     assert [extractor.definitions("s.go", b"package x\n") for _ in range(5)] == [[]] * 5
     assert len(started) == 3
+
+
+# Each letter's forms under re.IGNORECASE, some beyond ASCII (the Kelvin sign, the long s).
+FORMS = {"a": "aA", "x": "xX", "k": "kK\u212a", "s": "sS\u017f", "i": "iI"}
+spelt = st.lists(st.sampled_from(sorted(FORMS)), min_size=2, max_size=4).map("".join)
+
+
+@given(data=st.data(), pattern=st.one_of(
+    patterns().filter(lambda p: "\ud800" not in p.pattern),
+    spelt.map(lambda word: re.compile(word, re.I)),
+))
+def test_sqlite_keeps_every_name_the_regex_finds(data, pattern) -> None:
+    names = data.draw(st.lists(st.text("abcxAXZ %_é\u03a3\u0130" + "".join(FORMS.values()), max_size=5)))
+    # Names that spell the pattern in other forms of its letters, when it is such a word.
+    if pattern.flags & re.I and set(pattern.pattern) <= FORMS.keys():
+        names.append("".join(data.draw(st.sampled_from(FORMS[c])) for c in pattern.pattern))
+    condition, parameters = sql_filter(pattern, "name") or ("1", [])
+    with sqlite3.connect(":memory:") as con:
+        con.execute("CREATE TABLE symbols (name TEXT)")
+        con.executemany("INSERT INTO symbols VALUES (?)", [(name,) for name in names])
+        kept = {name for (name,) in con.execute(f"SELECT name FROM symbols WHERE {condition}", parameters)}
+    assert {name for name in names if pattern.search(name)} <= kept
 
 
 def sym(root: Path, query: str, refresh: bool = True) -> list[tuple[str, list[int]]]:

@@ -62,6 +62,11 @@ def _program() -> str | None:
     return program if wanted <= {line.split()[0] for line in features.splitlines() if line} else None
 
 
+def _storable(value: object) -> str:
+    # A lone surrogate (an escape in ctags's JSON) cannot be stored as text.
+    return str(value).encode("utf-8", "replace").decode("utf-8")
+
+
 class Extractor:
     """One ctags process, started on first use; not to be shared between threads."""
 
@@ -112,14 +117,16 @@ class Extractor:
         while True:
             while b"\n" in self._pending:
                 line, self._pending = self._pending.split(b"\n", 1)
-                record = json.loads(line)
+                # Bytes of the file that are not UTF-8 may reach a name as they are.
+                record = json.loads(line.decode("utf-8", "replace"))
                 kind = record.get("_type")
                 if kind == "completed":
                     return found
                 if kind == "tag":
+                    scope = record.get("scope")
                     found.append(Definition(
-                        str(record["name"]), str(record.get("kind", "")), int(record["line"]),
-                        record.get("scope"),
+                        _storable(record["name"]), _storable(record.get("kind", "")),
+                        int(record["line"]), None if scope is None else _storable(scope),
                     ))
             left = deadline - time.monotonic()
             if left <= 0 or not select.select([fd], [], [], left)[0]:

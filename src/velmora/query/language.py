@@ -178,6 +178,11 @@ def _check(node: Node) -> None:
             node.query  # noqa: B018
         else:
             node.pattern  # noqa: B018
+            if not node.text.isascii():
+                try:
+                    node.text.encode("utf-8")  # names are looked up in the index as text
+                except UnicodeEncodeError:
+                    raise QueryError(f"the pattern is not valid UTF-8 at {node.at}") from None
     elif isinstance(node, Not):
         _check(node.node)
     else:

@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import json
 import re
 import sqlite3
 from collections.abc import Iterable
 
+from velmora.query.name_filter import sql_filter
 from velmora.storage.database import Database
 
 TABLE_DDL = (
@@ -46,16 +48,20 @@ def drop(cursor: sqlite3.Cursor, file_id: int) -> None:
 def defining(db: Database, name: re.Pattern[str]) -> dict[int, list[tuple[int, str]]]:
     """The files that define a symbol whose name ``name`` finds, each with the (line, name)
     of those definitions, in order."""
-    names = [found for (found,) in db.fetchall("SELECT DISTINCT name FROM symbols") if name.search(found)]
+    # Each distinct name is judged once, from the index on names, which SQLite narrows by a
+    # literal that every match holds when there is one; the rows of those names follow.
+    condition, parameters = sql_filter(name, "name") or ("1", [])
+    names = [
+        found
+        for (found,) in db.fetchall(f"SELECT DISTINCT name FROM symbols WHERE {condition}", parameters)
+        if name.search(found)
+    ]
     found: dict[int, list[tuple[int, str]]] = {}
-    # Looked up through the index on names, in slices under SQLite's bound on parameters.
-    for start in range(0, len(names), 500):
-        part = names[start : start + 500]
-        marks = ",".join("?" * len(part))
-        for file_id, line, symbol in db.fetchall(
-            f"SELECT file_id, line, name FROM symbols WHERE name IN ({marks})", part
-        ):
-            found.setdefault(file_id, []).append((line, symbol))
+    for file_id, line, symbol in db.fetchall(
+        "SELECT file_id, line, name FROM symbols WHERE name IN (SELECT value FROM json_each(?))",
+        (json.dumps(names),),
+    ):
+        found.setdefault(file_id, []).append((line, symbol))
     return {file_id: sorted(set(lines)) for file_id, lines in found.items()}
 
 
