@@ -33,9 +33,7 @@ PyObject* decode_frames(PyObject* module, PyObject* args, PyObject* kwargs) {
     }
     std::string out, damage;
     std::vector<size_t> ends;
-    bool out_of_memory = false;
-    Py_BEGIN_ALLOW_THREADS
-    try {
+    const bool decoded = without_gil([&] {
         core::FrameDecoder decoder(dictionary);
         ends.reserve(static_cast<size_t>(count));
         for (Py_ssize_t i = 0; i < count && damage.empty(); ++i) {
@@ -48,11 +46,8 @@ PyObject* decode_frames(PyObject* module, PyObject* args, PyObject* kwargs) {
             out.append(reinterpret_cast<const char*>(text), size);
             ends.push_back(out.size());
         }
-    } catch (const std::bad_alloc&) {
-        out_of_memory = true;
-    }
-    Py_END_ALLOW_THREADS
-    if (out_of_memory) return PyErr_NoMemory();
+    });
+    if (!decoded) return nullptr;
     if (!damage.empty()) {
         PyErr_SetString(state->damaged_error, damage.c_str());
         return nullptr;

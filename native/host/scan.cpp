@@ -174,23 +174,17 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
     std::vector<size_t> positions;
     HeldBodies held;
     core::ScanResult result;
-    bool out_of_memory = false;
     try {
         if (!read_query(needle, case_sensitive, mode, max_count, query) ||
-            !read_group(state, rows, files, stride, chunks, scan_files, positions, held)) {
+            !read_group(state, rows, files, stride, chunks, scan_files, positions, held) ||
+            !without_gil([&] {
+                result = core::scan_chunks(query, dictionary, chunks.data(), chunks.size(), scan_files.data());
+            })) {
             return nullptr;
         }
-        Py_BEGIN_ALLOW_THREADS
-        try {
-            result = core::scan_chunks(query, dictionary, chunks.data(), chunks.size(), scan_files.data());
-        } catch (const std::bad_alloc&) {
-            out_of_memory = true;
-        }
-        Py_END_ALLOW_THREADS
     } catch (const std::bad_alloc&) {
         return PyErr_NoMemory();
     }
-    if (out_of_memory) return PyErr_NoMemory();
     if (result.fault == core::ScanResult::Fault::damaged) {
         PyErr_SetString(state->damaged_error, result.detail.c_str());
         return nullptr;

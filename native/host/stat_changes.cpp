@@ -51,7 +51,6 @@ PyObject* stat_changes(PyObject*, PyObject* args, PyObject* kwargs) {
         return nullptr;
     }
     std::vector<uint8_t> changes;
-    bool out_of_memory = false;
     try {
         Owned encoded_prefix(PyUnicode_EncodeFSDefault(prefix));
         if (!encoded_prefix) return nullptr;
@@ -61,32 +60,24 @@ PyObject* stat_changes(PyObject*, PyObject* args, PyObject* kwargs) {
         for (size_t i = 0; i < files.size(); ++i) {
             if (!read_row(PyList_GET_ITEM(rows, static_cast<Py_ssize_t>(i)), files[i])) return nullptr;
         }
-        Py_BEGIN_ALLOW_THREADS
-        try {
-            changes = core::stat_changes(root, files, racy_from);
-        } catch (const std::bad_alloc&) {
-            out_of_memory = true;
-        }
-        Py_END_ALLOW_THREADS
+        if (!without_gil([&] { changes = core::stat_changes(root, files, racy_from); })) return nullptr;
     } catch (const std::bad_alloc&) {
         return PyErr_NoMemory();
     }
-    if (out_of_memory) return PyErr_NoMemory();
     return PyBytes_FromStringAndSize(reinterpret_cast<const char*>(changes.data()),
                                      static_cast<Py_ssize_t>(changes.size()));
 }
 
 }  // namespace
 
-PyMethodDef stat_changes_def = {
-    "stat_changes", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(stat_changes)),
-    METH_VARARGS | METH_KEYWORDS,
+PyMethodDef stat_changes_def = keywords_method(
+    "stat_changes", stat_changes,
     "stat_changes(prefix, rows, racy_from)\n--\n\n"
     "How each recorded file differs on disk, by one lstat each, without the GIL.\n"
     "\n"
     "    rows: a list of tuples whose first items are (path, size, mtime_ns, inode), the path\n"
     "    joined to prefix. Returns one byte per row: 0 when the file matches its record, else\n"
     "    the sum of 1 (its size, mtime or inode differ, or its recorded mtime is at or after\n"
-    "    racy_from), 2 (it cannot be stat-ed) and 4 (it is not a regular file)."};
+    "    racy_from), 2 (it cannot be stat-ed) and 4 (it is not a regular file).");
 
 }  // namespace velmora::host

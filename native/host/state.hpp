@@ -4,6 +4,8 @@
 #include "core/zstd_frames.hpp"
 #include "module/owned.hpp"
 
+#include <new>
+
 namespace velmora::host {
 
 using py::Owned;
@@ -27,6 +29,21 @@ template <class F>
 PyMethodDef keywords_method(const char* name, F* function, const char* doc) {
     return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)),
             METH_VARARGS | METH_KEYWORDS, doc};
+}
+
+// Runs ``work`` with the GIL released; false, with MemoryError set, when it ran out of memory.
+template <class Work>
+bool without_gil(Work&& work) {
+    bool out_of_memory = false;
+    Py_BEGIN_ALLOW_THREADS
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        out_of_memory = true;
+    }
+    Py_END_ALLOW_THREADS
+    if (out_of_memory) PyErr_NoMemory();
+    return !out_of_memory;
 }
 
 extern PyMethodDef scan_chunks_def;
