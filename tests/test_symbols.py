@@ -83,7 +83,15 @@ def test_a_ctags_that_cannot_run_here_is_given_up(extractor, monkeypatch) -> Non
     monkeypatch.setattr(symbols, "SECONDS_PER_FILE", 600.0)  # its exit is awaited, not timed
     started = []
     popen = subprocess.Popen
-    monkeypatch.setattr(subprocess, "Popen", lambda *a, **k: started.append(a) or popen(*a, **k))
+
+    def exited(*args, **kwargs):
+        # Gone before the request is written, as it may be by chance: the pipe is broken.
+        started.append(args)
+        process = popen(*args, **kwargs)
+        process.wait()
+        return process
+
+    monkeypatch.setattr(subprocess, "Popen", exited)
     assert [extractor.definitions("s.go", b"package x\n") for _ in range(5)] == [[]] * 5
     assert len(started) == 3
 

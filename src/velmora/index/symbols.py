@@ -9,6 +9,7 @@ process (a new one serves the next file) and gets no definitions.
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import select
@@ -144,4 +145,7 @@ class Extractor:
             process.wait()
             for stream in (process.stdin, process.stdout):
                 if stream is not None:
-                    stream.close()
+                    # A ctags that died before reading leaves the request in stdin's buffer:
+                    # closing it fails to flush, and still closes the pipe.
+                    with contextlib.suppress(BrokenPipeError):
+                        stream.close()
