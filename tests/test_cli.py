@@ -20,6 +20,7 @@ import live_server
 from velmora import cli
 from velmora.api import Repository
 from velmora.index import build as indexer
+from velmora.search.reach import Reach
 from velmora.storage import schema
 from velmora.storage import chunk_store
 
@@ -305,6 +306,8 @@ def test_walk_without_git_honours_gitignore(tmp_path):
         assert sorted(indexer._walk_files(root)) == [
             ".gitignore", "a.py", "d/" * 1100 + "deep.py", "sub/.gitignore", "sub/keep.txt",
         ]
+        # A tree in no repository is walked by the search itself, as deep.
+        assert "d/" * 1100 + "deep.py" in [row.path for row in Reach().walk(root, [])]
     finally:  # removed level by level: the fixture's cleanup recurses
         (deep / "deep.py").unlink()
         while deep != root:

@@ -4,7 +4,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterable, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -80,7 +80,7 @@ class Reach:
                 if _text_file(str(start)):
                     found.append(limit)  # a file given by name
                 continue
-            for directory, names, files in os.walk(start):
+            for directory, names, files in _walk(str(start)):
                 base = Path(directory).relative_to(root).as_posix()
                 base = "" if base == "." else base
                 # How deep this directory's files are below the path given (1: in it).
@@ -107,6 +107,30 @@ class Reach:
             FileRow(-1 - number, path, "text", None) for number, path in enumerate(sorted(set(found)))
         ]
         return ordered(root, rows, self.sort)
+
+
+def _walk(top: str) -> Iterator[tuple[str, list[str], list[str]]]:
+    """As ``os.walk(top)``, from the top down and never into a link, on a stack: 3.11's
+    recurses, and a tree may be deeper than the recursion limit. The caller prunes ``names``
+    in place, as with ``os.walk``."""
+    stack = [top]
+    while stack:
+        directory = stack.pop()
+        try:
+            with os.scandir(directory) as listing:
+                entries = list(listing)
+        except OSError:
+            continue
+        names: list[str] = []
+        files: list[str] = []
+        for entry in entries:
+            try:
+                is_dir = entry.is_dir()
+            except OSError:
+                is_dir = False
+            (names if is_dir else files).append(entry.name)
+        yield directory, names, files
+        stack += (os.path.join(directory, name) for name in reversed(names))
 
 
 def read_rules(root: Path, ignore_files: Iterable[str]) -> IgnoreRules:
