@@ -113,7 +113,12 @@ ScanResult reference(const ScanQuery& query, const std::vector<Input>& chunks, c
                 if (column != kNotFound && taken < query.max_count) {
                     ++taken;
                     if (query.mode == ScanMode::lines) {
-                        block += files[f].shown + ":" + std::to_string(number) + ":" + std::to_string(column + 1) + ":" + line + "\n";
+                        // Columns count bytes, as rg's do: the UTF-8 width of the points before.
+                        size_t byte_column = 0;
+                        for (size_t k = 0; k < column; ++k) {
+                            byte_column += points[k] < 0x80 ? 1 : points[k] < 0x800 ? 2 : points[k] < 0x10000 ? 3 : 4;
+                        }
+                        block += files[f].shown + ":" + std::to_string(number) + ":" + std::to_string(byte_column + 1) + ":" + line + "\n";
                     }
                 }
                 begin = end + 1;
