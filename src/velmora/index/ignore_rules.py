@@ -12,28 +12,28 @@ class IgnoreRules:
     """The rules of a tree's ignore files, by the directory that holds them ("" the root)."""
 
     def __init__(self) -> None:
-        self._specs: dict[str, pathspec.GitIgnoreSpec] = {}
+        self._matchers: dict[str, pathspec.GitIgnoreSpec] = {}
         self._directories: dict[str, bool] = {}
 
     def __bool__(self) -> bool:
-        return bool(self._specs)
+        return bool(self._matchers)
 
     def add(self, base: str, lines: list[str]) -> None:
         """The rules of the ignore file(s) in the directory ``base``, later lines winning."""
         from velmora.query import globs
 
         # Lines git would not understand are skipped, as git skips them.
-        self._specs[base] = globs.ignore_file(lines)
+        self._matchers[base] = globs.ignore_file(lines)
 
     def ignored(self, rel: str, is_dir: bool) -> bool:
         """Whether the rules exclude ``rel`` itself: the deepest directory with a rule for
         it decides, as in git."""
         parts = rel.split("/")
         for depth in range(len(parts) - 1, -1, -1):
-            spec = self._specs.get("/".join(parts[:depth]))
-            if spec is None:
+            matcher = self._matchers.get("/".join(parts[:depth]))
+            if matcher is None:
                 continue
-            include = spec.check_file("/".join(parts[depth:]) + ("/" if is_dir else "")).include
+            include = matcher.check_file("/".join(parts[depth:]) + ("/" if is_dir else "")).include
             if include is not None:
                 return include
         return False
@@ -41,7 +41,7 @@ class IgnoreRules:
     def directory_excluded(self, path: str) -> bool:
         """Whether a directory above ``path`` is excluded (and so everything in it)."""
         cut = path.rfind("/")
-        if cut <= 0 or not self._specs:
+        if cut <= 0 or not self._matchers:
             return False
         directory = path[:cut]
         known = self._directories.get(directory)

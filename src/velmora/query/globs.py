@@ -13,7 +13,7 @@ if TYPE_CHECKING:
 
 
 def given(globs: list[str]) -> pathspec.GitIgnoreSpec:
-    """The spec of the globs a user gave; a ``QueryError`` naming the first bad one."""
+    """The matcher of the globs a user gave; a ``QueryError`` naming the first bad one."""
     # Imported here: it costs more start-up time than a selective search takes.
     import pathspec
 
@@ -27,7 +27,7 @@ def given(globs: list[str]) -> pathspec.GitIgnoreSpec:
 
 
 def ignore_file(lines: list[str]) -> pathspec.GitIgnoreSpec:
-    """The spec of a .gitignore's lines, without those git would not understand either."""
+    """The matcher of a .gitignore's lines, without those git would not understand either."""
     import pathspec
 
     try:
