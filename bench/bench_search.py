@@ -8,14 +8,16 @@ of the search-speed issue, the lines printed, and velmora's peak resident size (
 are drawn as bench/search_ratios.png (matplotlib, from the bench extra).
 
 With --lines, the queries that every line of the corpus costs (a common word, a pair, bare
-regexes) run instead, with the CPU time (user + sys) of each command beside its wall time;
---before SRC runs the command of another source tree (its src/, modules built) beside this
-one, for a before-and-after table in one interleaved run; --server sends velmora's searches
-through the repository's background server instead (started by the first, stopped at the
-end; the CPU time is then the client's alone). The load average is printed with every
-table: the machine may be shared.
+regexes, and the common word in the default layout) run instead. Every table gives the CPU time
+(user + sys) of each command beside its wall time. --before SRC runs the command of another
+source tree (its src/, modules built) beside this one, for a before-and-after table in one
+interleaved run; --server sends velmora's searches through the repository's background server
+(started by the first search, stopped at the end; the CPU time is then the client's alone),
+each source tree with its own copy of the indexed tree, so that each has its own server. The
+command runs as the installed `velmora` script runs it (`velmora.client`). The load average is
+printed with every table: the machine may be shared.
 Usage: bench_search.py [--corpus stdlib|large ...] [--layout L ...] [--repeats N] [--keep DIR]
-                       [--lines [--before SRC | --server]]
+                       [--lines] [--before SRC] [--server]
 """
 
 from __future__ import annotations
@@ -29,6 +31,7 @@ import sys
 import tempfile
 import time
 from pathlib import Path
+from typing import NamedTuple
 
 BENCH = Path(__file__).resolve().parent
 CHART = BENCH / "search_ratios.png"
@@ -48,12 +51,14 @@ QUERIES = [
 ]
 # The line-by-line queries: label, flags and pattern as rg takes them.
 LINE_QUERIES = [
-    ("common literal", ["-F", "self"]),
-    ("two characters", ["-F", "ns"]),
-    ("regex, no literal", [r"[A-Z]{4}_[0-9]{3}\b"]),
-    ("regex with a literal", [r"def \w+_facts\("]),
-    ("-i, ASCII", ["-i", "-F", "textwrapper"]),
+    ("common literal", ["-n", "--column", "-F", "self"]),
+    ("two characters", ["-n", "--column", "-F", "ns"]),
+    ("regex, no literal", ["-n", "--column", r"[A-Z]{4}_[0-9]{3}\b"]),
+    ("regex with a literal", ["-n", "--column", r"def \w+_facts\("]),
+    ("-i, ASCII", ["-n", "--column", "-i", "-F", "textwrapper"]),
+    ("common, default", ["-F", "self"]),  # the layout a pipe gets without flags: path:text
 ]
+RG = shutil.which("rg") or "rg"
 GIT_GREP_GOAL = 1.5  # the regex without a literal, against git grep -P
 STDLIB_GOAL = 1.5  # every query on the standard library
 
@@ -65,6 +70,13 @@ def program_env(source: Path = BENCH.parent) -> dict[str, str]:
     env["PYTHONPATH"] = str(source / "src")
     env["PYTHONPYCACHEPREFIX"] = str(Path(tempfile.gettempdir()) / "velmora-bench-pycache" / source.name)
     return env
+
+
+class Program(NamedTuple):
+    """A velmora to time: its name in the table and its environment (its source tree)."""
+
+    name: str
+    env: dict[str, str]
 
 
 def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, int, int, float]:
@@ -85,13 +97,13 @@ def run(argv: list[str], cwd: Path, env: dict[str, str] | None) -> tuple[float, 
 
 
 def medians(
-    commands: list[tuple[list[str], dict | None]], cwd: Path, repeats: int
+    commands: list[tuple[list[str], dict | None, Path]], repeats: int
 ) -> list[tuple[float, int, int, float]]:
-    """Per command: median wall time, lines printed, largest peak, median CPU time; the
-    commands take turns."""
+    """Per command (argv, environment, directory): median wall time, lines printed, largest
+    peak, median CPU time; the commands take turns."""
     runs: list[list[tuple[float, int, int, float]]] = [[] for _ in commands]
-    for turn in range(repeats + 1):  # the first turn warms the cache
-        for k, (argv, env) in enumerate(commands):
+    for turn in range(repeats + 1):  # the first turn warms the cache (and starts the servers)
+        for k, (argv, env, cwd) in enumerate(commands):
             result = run(argv, cwd, env)
             if turn:
                 runs[k].append(result)
@@ -121,93 +133,128 @@ def indexed_copy(corpus: str, layout: str, work: Path, env: dict[str, str]) -> P
     return tree
 
 
+def trees(corpus: str, layout: str, work: Path, programs: list[Program], server: bool) -> list[Path]:
+    """The indexed tree each program searches: the same one, or through servers a copy each
+    (a repository has one server)."""
+    tree = indexed_copy(corpus, layout, work, programs[0].env)
+    if not server:
+        return [tree] * len(programs)
+    copies = [tree]
+    for program in programs[1:]:
+        copy = work / f"{tree.name}-{program.name}"
+        if not (copy / ".velmora").exists():
+            shutil.rmtree(copy, ignore_errors=True)
+            subprocess.run(["cp", "-a", str(tree), str(copy)], check=True)
+        # The copy's files have new inodes: its index takes them in before the first search.
+        subprocess.run([sys.executable, "-m", "velmora.cli", "index", "."], cwd=copy, env=program.env,
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        copies.append(copy)
+    return copies
+
+
+def stop_servers(programs: list[Program], searched: list[Path]) -> None:
+    for program, tree in zip(programs, searched):
+        subprocess.run([sys.executable, "-m", "velmora.cli", "stop"], cwd=tree, env=program.env,
+                       capture_output=True)
+
+
+def velmora_argv(server: bool) -> list[str]:
+    # As the installed script runs it: the client first, the full command behind it.
+    return [sys.executable, "-m", "velmora.client", "search", "code", *([] if server else ["--no-server"])]
+
+
 def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--corpus", action="append", choices=("stdlib", "large"))
     parser.add_argument("--layout", action="append", choices=("compressed", "code_chunks"))
     parser.add_argument("--repeats", type=int, default=5)
     parser.add_argument("--keep", type=Path, help="keep the indexed copies here, for later runs")
-    parser.add_argument("--lines", action="store_true", help="the line-by-line queries, with CPU time")
-    parser.add_argument("--before", type=Path, help="with --lines: the source tree to compare with")
-    parser.add_argument("--server", action="store_true", help="with --lines: through the background server")
+    parser.add_argument("--lines", action="store_true", help="the line-by-line queries")
+    parser.add_argument("--before", type=Path, help="the source tree to compare with")
+    parser.add_argument("--server", action="store_true", help="through the background servers")
     args = parser.parse_args()
-    if args.server and args.before:
-        parser.error("--server and --before exclude one another: the two would share one server")
-    if args.lines:
-        line_table(args)
-        return
     work = args.keep or Path(tempfile.mkdtemp(prefix="velmora-bench-"))
-    env = program_env()
-    rg, git = shutil.which("rg"), shutil.which("git")
-    assert rg and git, "rg and git are needed"
-    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", "--no-server"]
-    ratios: dict[str, list[float]] = {}
-    print(f"{'corpus':<7} {'layout':<12} {'query':<21} {'velmora':>8} {'rg':>8} {'ratio':>6} "
-          f"{'goal':>5}  {'lines':>15}  peak MB")
+    programs = [Program("velmora", program_env())]
+    if args.before:
+        programs.append(Program("before", program_env(args.before.resolve())))
     try:
-        for corpus in args.corpus or ["stdlib", "large"]:
-            for layout in args.layout or ["compressed", "code_chunks"]:
-                tree = indexed_copy(corpus, layout, work, env)
-                column = ratios.setdefault(f"{corpus}, {layout}", [])
-                for label, flags, goal in QUERIES:
-                    commands = [
-                        ([*velmora, *flags[:-1], "--", flags[-1]], env),
-                        ([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None),
-                    ]
-                    if goal is None:
-                        commands.append(([git, "grep", "-n", "--column", "-P", flags[-1]], None))
-                    (ours, lines, peak, _), (theirs, their_lines, _, _), *grep = medians(
-                        commands, tree, args.repeats
-                    )
-                    goal = STDLIB_GOAL if corpus == "stdlib" else goal
-                    yardstick = grep[0][0] if goal is None else theirs
-                    goal = GIT_GREP_GOAL if goal is None else goal
-                    ratio = ours / yardstick
-                    column.append(ratio)
-                    mark = "" if ratio <= goal else " (goal not met)"
-                    against = " vs git grep -P" if grep and corpus != "stdlib" else ""
-                    print(f"{corpus:<7} {layout:<12} {label:<21} {ours:7.2f}s {theirs:7.2f}s "
-                          f"{ratio:6.2f} {goal:5.1f}  {lines:>7}/{their_lines:<7}  {peak}{mark}{against}",
-                          flush=True)
+        if args.lines:
+            line_table(args, work, programs)
+        else:
+            query_table(args, work, programs)
     finally:
         if not args.keep:
             shutil.rmtree(work, ignore_errors=True)
+
+
+def _header(programs: list[Program], first: str, tail: str) -> None:
+    print(f"load average {os.getloadavg()[0]:.2f}, {os.cpu_count()} cores; wall s (CPU s), median of "
+          f"runs taking turns; ratios are wall ÷ rg wall")
+    print(first + " ".join(f"{p.name:>15}" for p in programs) + f" {'rg':>15} "
+          + " ".join(f"{'÷ rg ' + p.name:>14}" for p in programs) + tail)
+
+
+def _timed(flags: list[str], args, programs: list[Program], searched: list[Path], extra=()):
+    """The medians of each program's search, rg's, and those of ``extra`` commands."""
+    commands = [([*velmora_argv(args.server), *flags[:-1], "--", flags[-1]], p.env, tree)
+                for p, tree in zip(programs, searched)]
+    commands.append(([RG, *flags[:-1], "--", flags[-1]], None, searched[0]))
+    commands += [(argv, None, searched[0]) for argv in extra]
+    timed = medians(commands, args.repeats)
+    return timed[: len(programs)], timed[len(programs)], timed[len(programs) + 1 :]
+
+
+def _times(ours, theirs) -> str:
+    return " ".join(f"{wall:6.2f} ({cpu:5.2f})" for wall, _, _, cpu in [*ours, theirs])
+
+
+def query_table(args: argparse.Namespace, work: Path, programs: list[Program]) -> None:
+    """The queries of every kind, each against its goal, and a chart of the ratios."""
+    git = shutil.which("git")
+    assert git, "git is needed"
+    ratios: dict[str, list[float]] = {}
+    _header(programs, f"{'corpus':<7} {'layout':<12} {'query':<21} ", f" {'goal':>5}  {'lines':>15}  peak MB")
+    for corpus in args.corpus or ["stdlib", "large"]:
+        for layout in args.layout or ["compressed", "code_chunks"]:
+            searched = trees(corpus, layout, work, programs, args.server)
+            column = ratios.setdefault(f"{corpus}, {layout}", [])
+            try:
+                for label, flags, goal in QUERIES:
+                    flags = ["-n", "--column", *flags]
+                    extra = [[git, "grep", "-n", "--column", "-P", flags[-1]]] if goal is None else []
+                    ours, theirs, grep = _timed(flags, args, programs, searched, extra)
+                    goal = STDLIB_GOAL if corpus == "stdlib" else goal
+                    yardstick = grep[0][0] if goal is None else theirs[0]
+                    goal = GIT_GREP_GOAL if goal is None else goal
+                    column.append(ours[0][0] / yardstick)
+                    mark = "" if column[-1] <= goal else " (goal not met)"
+                    against = " vs git grep -P" if grep and corpus != "stdlib" else ""
+                    ratio = " ".join(f"{wall / yardstick:14.2f}" for wall, *_ in ours)
+                    print(f"{corpus:<7} {layout:<12} {label:<21} {_times(ours, theirs)} {ratio} {goal:5.1f}  "
+                          f"{ours[0][1]:>7}/{theirs[1]:<7}  {ours[0][2]}{mark}{against}", flush=True)
+            finally:
+                if args.server:
+                    stop_servers(programs, searched)
+    print(f"load average {os.getloadavg()[0]:.2f}")
     chart(ratios)
 
 
-def line_table(args: argparse.Namespace) -> None:
-    """The line-by-line queries: velmora (and the tree --before) beside rg, wall and CPU."""
-    work = args.keep or Path(tempfile.mkdtemp(prefix="velmora-bench-"))
-    env = program_env()
-    rg = shutil.which("rg")
-    assert rg, "rg is needed"
-    velmora = [sys.executable, "-m", "velmora.cli", "search", "code", *([] if args.server else ["--no-server"])]
-    programs = [("velmora", env)] + ([("before", program_env(args.before.resolve()))] if args.before else [])
-    print(f"load average {os.getloadavg()[0]:.2f}, {os.cpu_count()} cores; wall s (CPU s), "
-          f"median of {args.repeats}; ratios are wall ÷ rg wall")
-    print(f"{'corpus':<7} {'query':<21} " + " ".join(f"{name:>15}" for name, _ in programs)
-          + f" {'rg':>15} " + " ".join(f"{'÷ rg ' + name:>14}" for name, _ in programs) + f"  {'lines':>15}  peak MB")
-    try:
-        for corpus in args.corpus or ["stdlib", "large"]:
-            for layout in args.layout or ["compressed"]:
-                tree = indexed_copy(corpus, layout, work, env)
-                try:
-                    for label, flags in LINE_QUERIES:
-                        commands = [([*velmora, *flags[:-1], "--", flags[-1]], e) for _, e in programs]
-                        commands.append(([rg, "-n", "--column", *flags[:-1], "--", flags[-1]], None))
-                        *ours, theirs = medians(commands, tree, args.repeats)
-                        times = " ".join(f"{wall:6.2f} ({cpu:5.2f})" for wall, _, _, cpu in [*ours, theirs])
-                        ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
-                        print(f"{corpus:<7} {label:<21} {times} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
-                              f"{ours[0][2]}", flush=True)
-                finally:
-                    if args.server:
-                        subprocess.run([sys.executable, "-m", "velmora.cli", "stop"], cwd=tree, env=env,
-                                       capture_output=True)
-        print(f"load average {os.getloadavg()[0]:.2f}")
-    finally:
-        if not args.keep:
-            shutil.rmtree(work, ignore_errors=True)
+def line_table(args: argparse.Namespace, work: Path, programs: list[Program]) -> None:
+    """The line-by-line queries: each program beside rg."""
+    _header(programs, f"{'corpus':<7} {'query':<21} ", f"  {'lines':>15}  peak MB")
+    for corpus in args.corpus or ["stdlib", "large"]:
+        for layout in args.layout or ["compressed"]:
+            searched = trees(corpus, layout, work, programs, args.server)
+            try:
+                for label, flags in LINE_QUERIES:
+                    ours, theirs, _ = _timed(flags, args, programs, searched)
+                    ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
+                    print(f"{corpus:<7} {label:<21} {_times(ours, theirs)} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
+                          f"{ours[0][2]}", flush=True)
+            finally:
+                if args.server:
+                    stop_servers(programs, searched)
+    print(f"load average {os.getloadavg()[0]:.2f}")
 
 
 def chart(ratios: dict[str, list[float]]) -> None:
