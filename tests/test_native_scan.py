@@ -8,6 +8,7 @@ import sqlite3
 import subprocess
 from contextlib import closing
 from functools import partial
+from itertools import accumulate
 from pathlib import Path
 
 import pytest
@@ -23,7 +24,7 @@ from velmora.index import build as indexer
 from velmora.output import printer
 from velmora.query.pattern import Query
 from velmora.search.engine import Hit
-from velmora.storage import chunk_store, codec, schema
+from velmora.storage import chunk_store, line_picks, schema
 
 STRIDE = chunk_store.CHUNK_STRIDE
 NO_DICTIONARY = native.FrameDictionary(b"")
@@ -81,12 +82,14 @@ def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode
 
 
 @given(texts=st.lists(st.text(alphabet="ab\n\u00e9", max_size=4), max_size=8), needle=st.text(alphabet="ab\n", max_size=2))
-def test_a_group_searched_whole_keeps_every_text_that_holds_a_match(texts, needle):
+def test_a_group_searched_whole_picks_every_line_that_holds_a_match(texts, needle):
     # The search finds a match in the texts laid end to end: one may start in one text and
-    # end in the next, and an empty one starts at every text, the empty ones too.
-    found = codec.Decoder(b"").start_matching([body(t) for t in texts], lambda data, start: data.find(needle.encode(), start))()
-    assert all(text in (None, texts[i]) for i, text in enumerate(found))
-    assert all(found[i] == text for i, text in enumerate(texts) if needle in text)
+    # end in the next, and an empty one starts at every line, the empty texts' too.
+    data = [text.encode() for text in texts]
+    found = line_picks.picks(b"".join(data), list(accumulate(map(len, data))), lambda data, start: data.find(needle.encode(), start))
+    for text, pick in zip(texts, found):
+        holding = [i for i, line in enumerate(text.split("\n")) if needle in line]
+        assert pick == (text, sorted(set(pick[1]))) and set(holding) <= set(pick[1]) if pick else not holding
 
 
 BAD = b"\xff needle"

@@ -9,6 +9,7 @@ import subprocess
 import sys
 import textwrap
 from functools import partial
+from itertools import accumulate
 from pathlib import Path
 from types import SimpleNamespace
 
@@ -17,7 +18,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 from velmora.index import build as indexer
-from velmora.query import trigrams
+from velmora.query import prefilter, trigrams
 from velmora.query.plan import plan
 from velmora.search import chunk_scan
 from velmora.storage import schema
@@ -25,7 +26,7 @@ from velmora.query.pattern import Query
 from velmora.search.engine import search
 from velmora.storage.file_rows import select_files
 from velmora.storage import chunk_store
-from velmora.storage import layouts
+from velmora.storage import layouts, line_picks
 
 LAYOUTS = ["code_chunks", "compressed"]
 # Letters whose case rules trip a trigram index: KELVIN SIGN, dotted and dotless I, LONG S,
@@ -81,8 +82,16 @@ def check_plan(index, query: Query, lines: list[str]) -> None:
     planned = plan(query)
     text = "\n".join(lines)
     first = next((i for i, line in enumerate(lines) if line_match(query, line) >= 0), -1)
+    widened = None if planned.widened is None else prefilter.widened_search(planned.widened)
     finder = chunk_scan.first_line_finder(query, planned)
-    if finder is not None and first >= 0:
+    if widened is not None:
+        # Every matching line is picked, the lines cut into two texts laid end to end.
+        cut = len(lines) // 2
+        texts = ["\n".join(part).encode() for part in ((lines[:cut], lines[cut:]) if cut else (lines,))]
+        picks = line_picks.picks(b"".join(texts), list(accumulate(map(len, texts))), widened)
+        picked = {i + (cut if k else 0) for k, pick in enumerate(picks) if pick for i in pick[1]}
+        assert {i for i, line in enumerate(lines) if line_match(query, line) >= 0} <= picked
+    elif finder is not None and first >= 0:
         # A chunk with a matching line is kept, and the lines skipped never match.
         assert 0 <= finder(text) <= first
     pair = query.needle is not None and layout == "compressed"  # looked up once stored

@@ -4,7 +4,8 @@ from __future__ import annotations
 
 from array import array
 from bisect import bisect_left
-from collections.abc import Collection, Iterator
+from collections import deque
+from collections.abc import Callable, Collection, Iterator
 from functools import partial
 from typing import NamedTuple
 
@@ -12,23 +13,27 @@ from velmora.query.prefilter import Search
 from velmora.storage import chunk_counts, chunk_store
 from velmora.storage.database import Database
 from velmora.storage.file_rows import FileRow, Files
-from velmora.storage.layouts import ChunkLayout
+from velmora.storage.layouts import ChunkLayout, PickedRow
 
 STRIDE = chunk_store.CHUNK_STRIDE
 # Chunks held at once: a few MB of text, whatever the size of the corpus.
 _GROUP_CHUNKS = 1024
 # Files per group when every chunk of a file is read.
 _GROUP_FILES = 64
+# Groups read ahead of the one searched, so that each scan thread has one to pick.
+_PICKED_AHEAD = 2
 
 
 class ReadChunk(NamedTuple):
     """A stored chunk as a group read gives it: its first and last line, its lines joined by
-    LF, and whether it is its file's last (False when not asked for)."""
+    LF, whether it is its file's last (False when not asked for), and the 0-based indexes of
+    the only lines that may match (None: any line may)."""
 
     first: int
     end: int
     text: str
     last: bool
+    picked: list[int] | None
 
 
 def chunk_lines(first: int, end: int, text: str) -> list[str]:
@@ -56,24 +61,32 @@ def file_chunks(
     that every chunk let through holds (chunks without it may be left out as they are read),
     and ``widened`` a pattern's widened search, which every chunk let through matches.
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
-    read = partial(layout.group_rows, db, with_last=with_last, holding=holding, widened=widened)
-    held: tuple | None = None
-    for group, rows in _selected_groups(db, layout, files, plan, keep, read):
-        # With a widened search, the next group is read (and starts decoding) before this
-        # one is searched.
-        if widened is None:
-            yield from _by_file(group, rows)
-        elif held is not None:
-            yield from _by_file(*held)
-        held = (group, rows) if widened is not None else None
-    if held is not None:
-        yield from _by_file(*held)
+    if widened is None:
+        read = partial(layout.group_rows, db, with_last=with_last, holding=holding)
+        for group, rows in _selected_groups(db, layout, files, plan, keep, read):
+            yield from _by_file(group, ((rowid, (*chunk, None)) for rowid, *chunk in rows))
+        return
+    picking = partial(layout.picked_rows, db, with_last=with_last, widened=widened)
+    pending: deque[tuple[list[FileRow], Callable[[], list[PickedRow]]]] = deque()
+    # The next groups are read, and picked on the scan threads, while this one is searched.
+    for group, picked in _selected_groups(db, layout, files, plan, keep, picking):
+        pending.append((group, picked))
+        if len(pending) > _PICKED_AHEAD:
+            yield from _picked_by_file(*pending.popleft())
+    while pending:
+        yield from _picked_by_file(*pending.popleft())
 
 
-def _by_file(group: list[FileRow], rows) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
+def _picked_by_file(group: list[FileRow], picked) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
+    rows = picked if isinstance(picked, list) else picked()  # a list: a group without chunks
+    return _by_file(group, ((rowid, chunk) for rowid, *chunk in rows))
+
+
+def _by_file(group: list[FileRow], chunks) -> Iterator[tuple[FileRow, list[ReadChunk]]]:
+    """The group's files with their chunks, from (row id, the chunk's fields) in order."""
     found: dict[int, list[ReadChunk]] = {}
-    for rowid, start, end, text, last in rows:
-        found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, (start, end, text, last)))
+    for rowid, chunk in chunks:
+        found.setdefault(rowid // STRIDE, []).append(_new_chunk(ReadChunk, chunk))
     for row in group:
         yield row, found.pop(row.id, [])
 

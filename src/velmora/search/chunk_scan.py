@@ -6,7 +6,6 @@ from __future__ import annotations
 import re
 from collections.abc import Callable
 
-from velmora.query import prefilter
 from velmora.query.pattern import Query
 from velmora.query.plan import Plan
 
@@ -31,16 +30,6 @@ def first_line_finder(query: Query, plan: Plan) -> FirstLine | None:
             return _line_of(lowered, lowered.find(needle))
 
         return first_lowered
-    if plan.widened is not None:
-        widened = prefilter.widened_search(plan.widened)
-        if widened is not None:
-
-            def first_widened(text: str) -> int:
-                data = text.encode()
-                position = widened(data, 0)
-                return -1 if position < 0 else data.count(b"\n", 0, position)
-
-            return first_widened
     if not plan.line_bound:
         return None
     # With MULTILINE, ^ and $ match at each line's ends, as they do in the line alone.

@@ -315,7 +315,13 @@ def _chunk_segments(
     needle, pattern, case_sensitive = query.needle or "", query.pattern, query.case_sensitive
     trimmed = not whole and pattern is None and case_sensitive
     segments: list[ScannedSegment] = []
-    for first, end, text, last in chunks:
+    for first, end, text, last, picked in chunks:
+        if picked is not None:
+            lines = chunk_lines(first, end, text)
+            _check_numbers(path, first, end, len(lines))
+            if lines:
+                segments.append((first, lines, last, picked[0], _judged(lines, picked, query)))
+            continue
         if trimmed and end >= first:
             # Most of a chunk's lines hold no match: they are never made into strs.
             held = _held_lines(text, needle)
@@ -334,6 +340,14 @@ def _chunk_segments(
         rest = lines[skipped:] if skipped else lines
         segments.append((first, lines, last, skipped, line_matches(rest, needle, pattern, case_sensitive)))
     return segments
+
+
+def _judged(lines: list[str], picked: list[int], query: Query) -> Iterator[tuple[int, int]]:
+    """The matches among a chunk's lines picked by the widened search (the only lines that
+    may match), numbered from 1 at the first picked, as a segment's matches are."""
+    found = code_text.line_matches([lines[i] for i in picked], "", query.pattern, query.case_sensitive)
+    skipped = picked[0] - 1
+    return ((picked[number - 1] - skipped, column) for number, column in found)
 
 
 def _check_numbers(path: str, first: int, end: int, count: int) -> None:

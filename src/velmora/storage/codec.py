@@ -8,10 +8,7 @@ vocabulary up front, and both smaller output and faster decoding follow.
 from __future__ import annotations
 
 import sqlite3
-from bisect import bisect_left
-from collections.abc import Callable, Sequence
-from concurrent.futures import Future, ThreadPoolExecutor
-from functools import cache
+from collections.abc import Sequence
 from typing import Any
 
 import zstandard
@@ -94,51 +91,13 @@ class Decoder:
         except _DAMAGE as error:
             raise damaged(error) from None
 
-    def start_matching(
-        self, bodies: list[Any], search: Callable[[bytes, int], int]
-    ) -> Callable[[], list[str | None]]:
-        """As ``decode_many``, with None for a text in which ``search`` (the first offset at or
-        after a start at which a pattern may match, or -1) finds nothing; the bodies start
-        decoding at once, on a thread of their own, and the call returned waits for them.
-
-        They are decoded natively into one buffer, without the GIL, so that a caller that
-        searches one group while the next decodes keeps both cores busy. The buffer is searched
-        a match at a time: only the texts a match starts in are made into strs."""
+    def frames(self) -> Any:
+        """The dictionary as the native decoder takes it (``native.FrameDictionary``)."""
         from velmora import native
 
         if self._frames is None:
             self._frames = native.FrameDictionary(self._data)
-        decoding = _decoding_thread().submit(native.decode_frames, self._frames, bodies)
-        return lambda: _matching_texts(decoding, search)
-
-
-def _matching_texts(decoding: Future, search: Callable[[bytes, int], int]) -> list[str | None]:
-    # A match that starts at a text's end is the text's (an empty match at the end of its
-    # last line), and the next search starts at the next text.
-    from velmora import native
-
-    try:
-        buffer, ends = decoding.result()
-    except native.DamagedChunk as error:
-        raise damaged(error) from None
-    texts: list[str | None] = [None] * len(ends)
-    index, start = 0, 0
-    while index < len(ends):
-        at = search(buffer, start)
-        if at < 0:
-            break
-        # The first text from here that ends at or after the match's start.
-        index = bisect_left(ends, at, index)
-        begin = ends[index - 1] if index else 0
-        texts[index] = buffer[begin : ends[index]].decode("utf-8")
-        start = ends[index]
-        index += 1
-    return texts
-
-
-@cache
-def _decoding_thread() -> ThreadPoolExecutor:
-    return ThreadPoolExecutor(1, thread_name_prefix="velmora-decode")
+        return self._frames
 
 
 def _dictionary(data: bytes) -> zstandard.ZstdCompressionDict | None:

@@ -11,11 +11,13 @@ from __future__ import annotations
 
 import sqlite3
 import zlib
-from collections.abc import Callable, Iterable, Iterator, Sequence
+from collections.abc import Callable, Iterable, Sequence
+from concurrent.futures import Future
+from itertools import accumulate
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
-from velmora.storage import chunk_counts, chunk_store, code_text, codec, file_rows
+from velmora.storage import chunk_counts, chunk_store, code_text, codec, file_rows, line_picks
 from velmora.utils.progress import Progress
 
 if TYPE_CHECKING:
@@ -29,6 +31,8 @@ STRIDE = chunk_store.CHUNK_STRIDE
 Chunk = tuple[int, int, str]
 # A chunk row as a group read gives it: (row id, first line, last line, text, last flag).
 ChunkRow = tuple[int, int, int, str, bool]
+# As a ``ChunkRow``, then the 0-based indexes of the lines a widened search picked in it.
+PickedRow = tuple[int, int, int, str, bool, list[int]]
 # The module's text sources.
 TextSource = code_text.ChunkText | code_text.DiskText
 
@@ -127,16 +131,27 @@ class ChunkLayout:
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None, widened: Search | None = None,
+        with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         """The chunk rows of a group of files, each file's in order: the chunks whose row ids
         are ``wanted``, or with ``whole_files`` every chunk of the files whose ids are.
 
         ``with_last`` asks for each chunk's last flag (else it is false); ``holding``, when
         given, is a text every chunk that may match holds: chunks without it may be left out.
-        So may chunks in whose text ``widened`` finds nothing: a pattern's widened search.
         """
         raise NotImplementedError
+
+    def picked_rows(
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
+        with_last: bool, widened: Search,
+    ) -> Callable[[], list[PickedRow]]:
+        """As ``group_rows``, only the chunks in which a pattern's widened search picks a
+        line (``storage.line_picks``), with the lines picked. The picking may start at once;
+        the call returned waits for it."""
+        rows = list(self.group_rows(db, group, wanted, whole_files, with_last, None))
+        texts = [row[3].encode("utf-8") for row in rows]
+        found = line_picks.picks(b"".join(texts), list(accumulate(map(len, texts))), widened)
+        return lambda: _with_picks(rows, found)
 
     # Whether ``group_bodies`` gives the chunks' bodies as zstd frames of the index's
     # dictionary, for a scan that decodes them itself.
@@ -281,24 +296,44 @@ class Compressed(ChunkLayout):
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None, widened: Search | None = None,
+        with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         rows = self.group_bodies(db, group, wanted, whole_files, with_last)
         decoder, bodies = chunk_store.decoder(db), [row[3] for row in rows]
-        if widened is not None:
-            # Decoded while the caller searches the group before.
-            return _with_texts(rows, decoder.start_matching(bodies, widened))
         # A text holds the needle exactly when its UTF-8 holds the needle's: tested on the
         # bytes, a chunk without it costs neither a str nor a row.
         texts = decoder.decode_many(bodies, b"" if holding is None else holding.encode("utf-8"))
-        return _with_texts(rows, lambda: texts)
+        return (
+            (rowid, start, end, text, last)
+            for (rowid, start, end, _, last), text in zip(rows, texts) if text is not None
+        )
+
+    def picked_rows(
+        self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
+        with_last: bool, widened: Search,
+    ) -> Callable[[], list[PickedRow]]:
+        # Decoded and picked on a scan thread while the caller reads the next groups.
+        rows = self.group_bodies(db, group, wanted, whole_files, with_last)
+        picking = line_picks.start(chunk_store.decoder(db).frames(), [row[3] for row in rows], widened)
+        return lambda: _with_picks(rows, _picks_of(picking))
 
 
-def _with_texts(rows: list[ChunkRow], texts: Callable[[], list[str | None]]) -> Iterator[ChunkRow]:
-    """The rows with their texts in place of their bodies, but those without a text."""
-    for (rowid, start, end, _, last), text in zip(rows, texts()):
-        if text is not None:
-            yield rowid, start, end, text, last
+def _picks_of(picking: Future[list[line_picks.Picked | None]]) -> list[line_picks.Picked | None]:
+    from velmora import native
+
+    try:
+        return picking.result()
+    except (native.DamagedChunk, UnicodeDecodeError) as error:
+        raise codec.damaged(error) from None
+
+
+def _with_picks(rows: list[ChunkRow], found: list[line_picks.Picked | None]) -> list[PickedRow]:
+    """The rows with a pick, its text in place of the body and its lines picked after it."""
+    return [
+        (rowid, start, end, text, last, lines)
+        for (rowid, start, end, _, last), pick in zip(rows, found) if pick is not None
+        for text, lines in (pick,)
+    ]
 
 
 class CodeChunks(ChunkLayout):
@@ -342,7 +377,7 @@ class CodeChunks(ChunkLayout):
 
     def group_rows(
         self, db: Database, group: Sequence[FileRow], wanted: list[int], whole_files: bool,
-        with_last: bool, holding: str | None, widened: Search | None = None,
+        with_last: bool, holding: str | None,
     ) -> Iterable[ChunkRow]:
         parameters: tuple = (_json_ids(wanted),)
         condition = ""
