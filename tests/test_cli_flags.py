@@ -50,10 +50,13 @@ AGREED = [
     (["-F", "a.b(c"], "repo", PIPE),
     (["-w", "foo"], "repo", PIPE),
     (["-e", "foo", "-e", "ba+r"], "repo", PIPE),
+    (["-c", "-e", "[[:upper:]]{4}", "-e", "[[:^space:]]{20}"], "repo", PIPE),  # POSIX classes
     (["-F", "-e", "(c", "-e", "x"], "repo/sub", PIPE),
     (["-e", "--not-an"], "repo/sub", PIPE),
     (["-i", "--", "--NOT-an"], "repo/sub", PIPE),
     (["-l", "needle"], "repo", BOTH),
+    (["-q", "needle"], "repo", PIPE),
+    (["-q", "-F", "absent"], "repo", PIPE),
     (["-l", "-t", "py", "needle"], "repo", PIPE),
     (["-c", "-i", "needle"], "repo", BOTH),
     (["-c", "-v", "needle"], "repo", PIPE),
@@ -63,6 +66,9 @@ AGREED = [
     (["-t", "py", "-t", "md", "needle"], "repo", PIPE),
     (["-T", "py", "needle"], "repo", PIPE),
     (["-g", "*.txt", "-g", "!tail*", "needle"], "repo", PIPE),
+    (["-g", "*.{md,py}", "needle"], "repo", PIPE),
+    (["-l", "-g", "*e*", "-g", "!*.log", "needle"], "repo", PIPE),  # a glob matching a directory picks no file
+    (["-g", "!{tail,a}.*", "needle"], "plain", PIPE),
     (["--iglob", "*.TXT", "--iglob", "!C*", "needle"], "repo", PIPE),
     (["-m", "1", "-i", "needle"], "repo", PIPE),
     (["needle", "sub", "tail.txt"], "repo", PIPE),

@@ -114,16 +114,18 @@ def test_the_python_api_names_a_wrong_argument(repo, call, error, words):
 
 
 @pytest.mark.parametrize("git", [True, False])
-def test_odd_file_names_are_searched(tmp_path, git):
+@pytest.mark.parametrize("flags", [[], ["-g", "*.txt"]])
+def test_odd_file_names_are_searched(tmp_path, git, flags):
     names = [b"weird\\name.txt", b"bad\xffname.txt", b"ok.txt"]
     for name in names:
         (tmp_path / os.fsdecode(name)).write_bytes(b"needle\n")
+    (tmp_path / ".ignore").write_text("other\n")  # its rules are checked against every name
     if git:
         subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
     else:  # a tree in no repository is searched directly until it is indexed
         assert velmora("search", "code", "-l", "needle", cwd=tmp_path, text=False).returncode == 0
         velmora("index", cwd=tmp_path)
-    found = velmora("search", "code", "-l", "needle", cwd=tmp_path, text=False)
+    found = velmora("search", "code", "-l", *flags, "needle", cwd=tmp_path, text=False)
     assert sorted(found.stdout.splitlines()) == sorted(names), found.stderr
     assert "\tbad\\xffname.txt\n" in velmora("status", cwd=tmp_path).stdout
 
@@ -134,6 +136,7 @@ def test_odd_file_names_are_searched(tmp_path, git):
     (["search", "code", "(?<x"], ""),
     (["search", "code", "-g", "[z-a]", "x"], "invalid glob '[z-a]'"),
     (["search", "code", "-g", "\\", "x"], "invalid glob"),
+    (["search", "code", "-g", "*.{md", "x"], "invalid glob '*.{md'"),
     (["serve", "--port", "99999"], "port 99999 is out of range"),
     (["serve", "--port", "{busy}"], "is in use"),
 ])

@@ -8,8 +8,9 @@ import gc
 import os
 import sqlite3
 import sys
+import warnings
 from collections.abc import Callable, Iterator, Sequence
-from contextlib import contextmanager
+from contextlib import contextmanager, redirect_stdout
 from functools import cache, partial
 from pathlib import Path
 from typing import Any
@@ -48,6 +49,9 @@ def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> 
     # A run makes millions of small objects and no reference cycles: the cycle collector
     # would only walk them over and over.
     gc.disable()
+    # re's notes on what a pattern may come to mean in a later Python are no concern of the
+    # user's: the pattern means what it means today.
+    warnings.filterwarnings("ignore", category=FutureWarning)
     if sys.stdout is None and args.command in ("search", "status"):
         print("velmora: error: standard output is closed", file=sys.stderr)
         return 2
@@ -158,7 +162,9 @@ def _search_code_options(code: argparse.ArgumentParser) -> None:
     code.add_argument("positionals", nargs="*", metavar="PATTERN [PATH ...]",
                       help="A Python regex (plain text when it has no regex syntax), then the "
                       "files and directories to search (default: the current directory).")
-    code.add_argument("-q", "--query", metavar="QUERY",
+    code.add_argument("-q", "--quiet", action="store_true",
+                      help="Print nothing; exit 0 as soon as a match is found, else 1.")
+    code.add_argument("--query", metavar="QUERY",
                       help="A query of the search box's language (terms, or, -, parentheses, "
                       "file:, lang:, sym:, case:, content:, type:file); every argument is a PATH.")
     code.add_argument("-e", "--regexp", action="append", default=[], metavar="PATTERN",
@@ -352,6 +358,15 @@ _CASE_RULES = {"sensitive": "yes", "ignore": "no", "smart": "auto"}
 
 
 def _search(args: argparse.Namespace) -> int:
+    if args.quiet and not args.files:
+        # Whether a file matches is all that is asked: the first one answers.
+        args.mode, args.stats, args.max_count = "files", False, 1
+        with open(os.devnull, "w", encoding="utf-8") as nowhere, redirect_stdout(nowhere):
+            return _searched(args)
+    return _searched(args)
+
+
+def _searched(args: argparse.Namespace) -> int:
     from velmora.output import printer as output
     from velmora.query import file_types, language
 

@@ -5,14 +5,14 @@ from __future__ import annotations
 from typing import TYPE_CHECKING
 
 if TYPE_CHECKING:
-    import pathspec
+    from velmora.query.globs import Globs
 
 
 class IgnoreRules:
     """The rules of a tree's ignore files, by the directory that holds them ("" the root)."""
 
     def __init__(self) -> None:
-        self._matchers: dict[str, pathspec.GitIgnoreSpec] = {}
+        self._matchers: dict[str, Globs] = {}
         self._directories: dict[str, bool] = {}
 
     def __bool__(self) -> bool:
@@ -33,7 +33,7 @@ class IgnoreRules:
             matcher = self._matchers.get("/".join(parts[:depth]))
             if matcher is None:
                 continue
-            include = matcher.check_file("/".join(parts[depth:]) + ("/" if is_dir else "")).include
+            include = matcher.decides("/".join(parts[depth:]) + ("/" if is_dir else ""))
             if include is not None:
                 return include
         return False

@@ -6,6 +6,8 @@ import re
 from collections.abc import Iterator, Sequence
 from typing import NamedTuple
 
+from velmora.query import posix_classes
+
 
 class QueryError(ValueError):
     """The query cannot be searched for (an invalid regex, say)."""
@@ -48,13 +50,13 @@ class Query(NamedTuple):
         if not (others or word or line) and (fixed or not has_regex_syntax(first)):
             # Text without regex syntax runs as a plain search, which the index narrows.
             return cls(first.lower() if ignore_case else first, None, not ignore_case)
-        sources = [re.escape(text) if fixed else text for text in patterns]
-        source = "|".join(f"(?:{s})" for s in sources) if others else sources[0]
-        if word:
-            source = rf"(?<!\w)(?:{source})(?!\w)"
-        if line:
-            source = rf"^(?:{source})$"
         try:
+            sources = [re.escape(text) if fixed else posix_classes.spelt(text) for text in patterns]
+            source = "|".join(f"(?:{s})" for s in sources) if others else sources[0]
+            if word:
+                source = rf"(?<!\w)(?:{source})(?!\w)"
+            if line:
+                source = rf"^(?:{source})$"
             pattern = re.compile(source, re.IGNORECASE if ignore_case else 0)
         except (re.error, OverflowError, RecursionError) as error:
             shown = " ".join(map(repr, patterns))

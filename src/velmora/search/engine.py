@@ -51,15 +51,16 @@ ScannedSegment = tuple[int, list[str], bool, int, Iterable[tuple[int, int]]]
 
 
 def matching_globs(rows: list[FileRow], globs: Sequence[str]) -> list[FileRow]:
-    """The rows whose path matches the globs ("!" before a glob excludes)."""
+    """The rows whose path matches the globs ("!" before a glob excludes the files it
+    matches and those in the directories it matches)."""
     include = [g for g in globs if not g.startswith("!")]
     exclude = [g[1:] for g in globs if g.startswith("!")]
     if include:
         wanted = glob_specs.given(include)
-        rows = [row for row in rows if wanted.match_file(row.path)]
+        rows = [row for row in rows if wanted.names(row.path)]
     if exclude:
         unwanted = glob_specs.given(exclude)
-        rows = [row for row in rows if not unwanted.match_file(row.path)]
+        rows = [row for row in rows if not unwanted.covers(row.path)]
     return rows
 
 
