@@ -20,7 +20,7 @@ from hypothesis import strategies as st
 import live_server
 from velmora import cli, native
 from velmora.api import Repository
-from velmora.index import freshness
+from velmora.index import build as indexer, freshness, safety
 from velmora.storage import schema
 
 BINARY = b"needle\0\xff"
@@ -98,6 +98,33 @@ def test_a_server_answers_for_the_tree_as_saved_before_the_search(served, edits)
     with mock.patch.dict(os.environ, {"VELMORA_NO_SERVER": ""}), \
             mock.patch.object(Repository, "open", None):  # only the server can answer
         assert search(served, "needle")[0] == plain_scan(served, "needle")
+
+
+def test_an_index_held_open_follows_a_conversion(tmp_path, capsys):
+    # As a server's worker holds it: the search is told the index is up to date.
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "a.txt").write_text("needle\n")
+    assert cli.main(["index", str(tmp_path)]) == 0
+    with Repository.at(tmp_path, create=False) as repo:
+        for layout in ["code_chunks", "compressed", "code_chunks"]:
+            assert cli.main(["index", "--layout", layout, str(tmp_path)]) == 0
+            capsys.readouterr()
+            assert cli.main(["search", "code", "-l", "needle", str(tmp_path)],
+                            served=lambda root: (repo, True)) == 0
+            assert capsys.readouterr().out == f"{tmp_path}/a.txt\n"
+
+
+def test_one_index_pass_at_a_time(tmp_path):
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "a.txt").write_text("needle\n")
+    assert cli.main(["index", str(tmp_path)]) == 0
+    with safety.pass_lock(schema.index_path(tmp_path), wait=False, say=False):
+        with pytest.raises(safety.IndexBusy):
+            indexer.index(tmp_path, wait=False)
+        (tmp_path / "b.txt").write_text("a needle\n")
+        # A search does not wait for the other pass: it reads the new file itself.
+        assert search(tmp_path, "needle")[0] == plain_scan(tmp_path, "needle")
+    assert indexer.index(tmp_path, wait=False).added == 1
 
 
 @pytest.mark.parametrize("layout", ["code_chunks", "compressed"])

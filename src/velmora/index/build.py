@@ -180,24 +180,27 @@ def index(
     progress: bool = True,
     rebuild: bool = False,
     workers: int | None = None,
+    wait: bool = True,
 ) -> Summary:
     """Index the repository at ``root``, or bring its index up to date.
 
     ``store`` forces a chunk layout (an index in another layout is converted); None keeps
     the index's layout, or picks one for a new index.  ``rebuild`` starts over, beside the
-    old index, which is replaced only once the new one is complete.
+    old index, which is replaced only once the new one is complete. One pass runs at a time:
+    without ``wait``, ``safety.IndexBusy`` when another runs.
     """
     started = time.monotonic()
-    run_ns = time.time_ns()
     db_path = safety.index_file(root)
     forced = layouts.named(store) if store else None
-    if rebuild:
-        built = db_path.with_name(db_path.name + ".new")
-        safety.remove_index_file(built)
-        summary = _index_at(built, root, forced, run_ns, progress, workers)
-        safety.replace_index_file(built, db_path)
-    else:
-        summary = _index_at(db_path, root, forced, run_ns, progress, workers)
+    with safety.pass_lock(db_path, wait=wait, say=progress):
+        run_ns = time.time_ns()
+        if rebuild:
+            built = db_path.with_name(db_path.name + ".new")
+            safety.remove_index_file(built)
+            summary = _index_at(built, root, forced, run_ns, progress, workers)
+            safety.replace_index_file(built, db_path)
+        else:
+            summary = _index_at(db_path, root, forced, run_ns, progress, workers)
     summary.seconds = time.monotonic() - started
     return summary
 

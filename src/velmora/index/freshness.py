@@ -134,7 +134,8 @@ def update(db_path: Path, root: Path, changes: Changes) -> str | None:
     from velmora.index import build as indexer
 
     try:
-        indexer.index(root, progress=False)
+        # A search does not wait for another pass: it reads the changed files itself.
+        indexer.index(root, progress=False, wait=False)
         if changes.listed is not None:
             _record_listing(db_path, *changes.listed)
     except (sqlite3.Error, OSError, safety.IndexNotWritable) as error:

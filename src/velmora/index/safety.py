@@ -3,8 +3,12 @@
 from __future__ import annotations
 
 import errno
+import fcntl
 import os
 import stat
+import sys
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 from velmora.storage import schema
@@ -17,6 +21,38 @@ class UnsafeIndexPath(schema.SchemaError):
 
 class IndexNotWritable(schema.SchemaError):
     """The index cannot be written here (a read-only repository, say); it can be read."""
+
+
+class IndexBusy(IndexNotWritable):
+    """Another index pass is writing the index."""
+
+
+# Beside the database: held by the process that runs an index pass.
+PASS_LOCK = "pass.lock"
+
+
+@contextmanager
+def pass_lock(db_path: Path, *, wait: bool, say: bool) -> Iterator[None]:
+    """Held for one index pass: two at once would each add the files the other found new.
+    Without ``wait``, ``IndexBusy`` when another pass holds it; with ``say``, waiting is
+    said on standard error."""
+    path = db_path.with_name(PASS_LOCK)
+    try:
+        fd = os.open(path, os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
+    except OSError as error:
+        raise IndexNotWritable(f"cannot write {path}: {error.strerror}") from None
+    try:
+        try:
+            fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            if not wait:
+                raise IndexBusy("another index pass is running") from None
+            if say:
+                print("velmora: waiting for another index pass to finish", file=sys.stderr)
+            fcntl.flock(fd, fcntl.LOCK_EX)
+        yield
+    finally:
+        os.close(fd)
 
 
 def index_file(root: Path) -> Path:

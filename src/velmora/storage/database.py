@@ -5,7 +5,6 @@ from __future__ import annotations
 import sqlite3
 from collections.abc import Callable, Hashable, Iterator
 from contextlib import contextmanager
-from functools import cached_property
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Sequence, TypeVar
 
@@ -17,6 +16,7 @@ if TYPE_CHECKING:
 BUSY_SECONDS = 5.0
 
 _T = TypeVar("_T")
+_UNKNOWN = object()
 
 
 class Database:
@@ -28,14 +28,25 @@ class Database:
         # What searches read of the whole index, kept while no other connection writes it.
         self._kept: dict[Hashable, Any] | None = None
         self._generation = -1
+        self._layout: Any = _UNKNOWN
 
-    @cached_property
+    @property
     def layout(self) -> ChunkLayout | None:
-        """The layout of the index's chunks, found when first asked for; None when it has no
-        table of the files' text. A pass that converts the index sets the new one."""
+        """The layout of the index's chunks, found when first asked for (on a read-only
+        connection, again after another connection's commit: a pass may have converted the
+        index); None when it has no table of the files' text."""
         from velmora.storage import layouts
 
-        return layouts.of_index(self)
+        if self._kept is not None:
+            return self.kept("layout", lambda: layouts.of_index(self))
+        if self._layout is _UNKNOWN:
+            self._layout = layouts.of_index(self)
+        return self._layout
+
+    @layout.setter
+    def layout(self, layout: ChunkLayout | None) -> None:
+        """The layout a pass that creates or converts the index writes in."""
+        self._layout = layout
 
     def read_only(self) -> None:
         """Refuse writes on this connection: a search only reads.
@@ -57,7 +68,6 @@ class Database:
         generation = self.connection.execute("PRAGMA data_version").fetchone()[0]
         if generation != self._generation:
             self._kept.clear()
-            self.__dict__.pop("layout", None)  # a pass may have converted the index
             self._generation = generation
         if key not in self._kept:
             self._kept[key] = compute()
