@@ -130,7 +130,7 @@ def test_the_index_is_private_and_git_runs_none_of_the_repositorys_commands(tmp_
     assert run(capsys, "index", root)[0] == 0
     assert not marker.exists()
     modes = {p.name: p.stat().st_mode & 0o777 for p in [root / ".velmora", *(root / ".velmora").rglob("*")]}
-    assert modes == {".velmora": 0o700, "index": 0o700, "index.db": 0o600, ".gitignore": 0o600}
+    assert modes == {".velmora": 0o700, "index": 0o700, "index.db": 0o600, "pass.lock": 0o600, ".gitignore": 0o600}
 
 
 def test_an_interrupted_pass_is_marked_and_a_damaged_index_is_rebuilt(tmp_path, capsys, monkeypatch):
