@@ -165,8 +165,8 @@ def files_table(root: Path) -> dict[str, tuple[str, int]]:
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
-def test_index_and_search_follow_the_files(repo, capsys, layout, through):
-    code, _, err = run(capsys, "index", "--layout", layout, repo)
+def test_index_and_search_follow_the_files(repo, capfd, layout, through):
+    code, _, err = run(capfd, "index", "--layout", layout, repo)
     assert code == 0
     assert re.fullmatch(
         rf"indexed {len(FILES)} files \({len(FILES)} added, 0 changed, 0 removed\): \d+ chunks, "
@@ -178,13 +178,13 @@ def test_index_and_search_follow_the_files(repo, capsys, layout, through):
     assert (table["data/big.json"], table["data/small.json"]) == (("json", 1), ("json", 0))
 
     for args, query in QUERIES:
-        assert search_json(capsys, args, query) == disk_scan(repo, FILES, args, query), (args, query)
+        assert search_json(capfd, args, query) == disk_scan(repo, FILES, args, query), (args, query)
 
     # Change, add and delete a file; a new index pass touches only those.
     (repo / "lib/colorsys.py").write_text("def rgb_to_needle(r, g, b):\n    return wrap(r)\n")
     (repo / "added.py").write_text("NEEDLE = 'wrap'\n" * 70)
     (repo / "lib/shlex.py").unlink()
-    code, _, err = run(capsys, "index", repo)
+    code, _, err = run(capfd, "index", repo)
     assert code == 0
     assert f"({1} added, {1} changed, {1} removed)" in err
     assert f"{layout} layout" in err
@@ -192,9 +192,9 @@ def test_index_and_search_follow_the_files(repo, capsys, layout, through):
     assert set(files_table(repo)) == paths
     through(repo)
     for args, query in QUERIES:
-        assert search_json(capsys, args, query) == disk_scan(repo, paths, args, query), (args, query)
+        assert search_json(capfd, args, query) == disk_scan(repo, paths, args, query), (args, query)
 
-    code, _, err = run(capsys, "index", repo)
+    code, _, err = run(capfd, "index", repo)
     assert "(0 added, 0 changed, 0 removed): 0 chunks" in err
 
 
@@ -220,24 +220,24 @@ def test_text_output_like_grep(repo, capsys):
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
-def test_max_count_stops_within_and_across_chunks(repo, capsys, layout, through):
+def test_max_count_stops_within_and_across_chunks(repo, capfd, layout, through):
     (repo / "many.txt").write_text("".join(f"hit {n}\n" for n in range(1, 201)))
-    run(capsys, "index", "--layout", layout, repo)
+    run(capfd, "index", "--layout", layout, repo)
     through(repo)
     for count in (0, 3, 64, 70, 500):
-        code, out, _ = run(capsys, "search", "code", "--column", "-g", "many.txt", "-m", str(count), "hit")
+        code, out, _ = run(capfd, "search", "code", "--column", "-g", "many.txt", "-m", str(count), "hit")
         assert out == "".join(f"many.txt:{n}:1:hit {n}\n" for n in range(1, min(count, 200) + 1))
         assert code == (0 if count else 1)
 
 
-def test_globs_and_max_count(repo, capsys, through):
-    run(capsys, "index", repo)
+def test_globs_and_max_count(repo, capfd, through):
+    run(capfd, "index", repo)
     through(repo)
-    code, out, _ = run(capsys, "search", "code", "--column", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
+    code, out, _ = run(capfd, "search", "code", "--column", "-g", "data/*", "-g", "!*big*", "-m", "1", "e")
     assert out == 'data/small.json:1:4:{"needle": 1, "Wrap": true}\n'
-    code, out, _ = run(capsys, "search", "code", "-n", "-m", "2", "needle", "-g", "*.json")
+    code, out, _ = run(capfd, "search", "code", "-n", "-m", "2", "needle", "-g", "*.json")
     assert [line.split(":")[:2] for line in out.splitlines()] == [["data/big.json", "2"], ["data/big.json", "3"], ["data/small.json", "1"]]
-    code, out, _ = run(capsys, "search", "code", "no such text anywhere")
+    code, out, _ = run(capfd, "search", "code", "no such text anywhere")
     assert (code, out) == (1, "")
 
 

@@ -85,7 +85,11 @@ def _drop_output() -> None:
     # What is still buffered for standard output is dropped, so that flushing it at exit
     # does not fail again.
     if sys.stdout is not None:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        sink = os.open(os.devnull, os.O_WRONLY)
+        try:
+            os.dup2(sink, sys.stdout.fileno())
+        finally:
+            os.close(sink)  # a server's worker runs search after search
 
 
 def _index_problem(error: sqlite3.Error) -> str:

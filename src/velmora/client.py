@@ -6,6 +6,7 @@ start-up and little more; anything else (another command, no server) runs the fu
 
 from __future__ import annotations
 
+import _socket
 import os
 import sys
 
@@ -33,55 +34,57 @@ def wanted(argv: list[str]) -> bool:
 
 
 def forward(argv: list[str]) -> int | None:
-    """The search's exit status, its output written as it comes; None when no server took it
-    (no server runs, or it leaves this search to the command)."""
-    if not wanted(argv) or sys.stdout is None:  # the full command reports a closed output
+    """The search's exit status, the server's worker having written its output to this
+    process's own standard output and error; None when no server took it (no server runs,
+    it leaves this search to the command, or the output is no file to hand over)."""
+    if not wanted(argv):
+        return None
+    out, err = sys.stdout, sys.stderr
+    try:
+        descriptors = [out.fileno(), err.fileno()]
+        out.flush()
+        err.flush()
+    except (AttributeError, ValueError, OSError):  # closed, or a stream of an embedding
         return None
     cwd = os.getcwd()
     sock = wire.connect(_root(cwd))
     if sock is None:
         return None
-    out, err = sys.stdout, sys.stderr
-    written = False
     try:
-        tty = "1" if out.isatty() else "0"
-        encoding = getattr(out, "encoding", None) or "utf-8"
-        errors = getattr(out, "errors", None) or "strict"
-        sock.sendall(wire.request(["search", wire.PACKAGE, cwd, tty, encoding, errors, *argv]))
-        out.flush()
+        try:
+            encoding = getattr(out, "encoding", None) or "utf-8"
+            errors = getattr(out, "errors", None) or "strict"
+            wire.send(sock, wire.request(["search", wire.PACKAGE, cwd, encoding, errors, *argv]), descriptors)
+        except OSError:
+            return None  # nothing was written: the command searches itself
         while (answer := wire.read_frame(sock)) is not None:
             kind, payload = answer
             if kind == wire.EXIT:
                 return int(payload)
-            if kind == wire.FALLBACK and not written:
+            if kind == wire.FALLBACK:
                 return None
-            written = True
-            stream = out if kind == wire.OUT else err
-            try:
-                if hasattr(stream, "buffer"):
-                    stream.buffer.write(payload)
-                else:  # a text stream put in place of the standard one (tests, embedding)
-                    stream.write(payload.decode(encoding, errors))
-                stream.flush()
-            except BrokenPipeError:
-                # The reader went away (``| head``): stop quietly, as the full command does.
-                os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
-                return 0
-            except OSError as error:  # a full disk under the output, say
-                os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
-                print(f"velmora: error: {error.strerror or error}", file=err)
-                return 2
+            (out if kind == wire.OUT else err).write(payload.decode(encoding, "replace"))
     except OSError:
-        if not written:
-            return None
+        pass
     except KeyboardInterrupt:
-        # Closing the socket tells the server, which stops the search's worker.
+        _stopped(sock)
         print("velmora: interrupted", file=err)
         return 130
     finally:
         sock.close()
     print("velmora: error: the server stopped in the middle of the search", file=err)
     return 2
+
+
+def _stopped(sock) -> None:
+    """Tell the server to stop the search, and wait until it has: its worker writes to this
+    process's output, and must not once this process is gone."""
+    try:
+        sock.shutdown(_socket.SHUT_WR)
+        while sock.recv(4096):
+            pass
+    except (OSError, KeyboardInterrupt):
+        pass
 
 
 def _root(cwd: str) -> str:

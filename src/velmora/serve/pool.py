@@ -14,6 +14,7 @@ from pathlib import Path
 
 import anyio
 
+from velmora.serve import descriptors
 from velmora.serve.params import FileRequest, Search
 from velmora.serve.worker import PARTIAL, CommandSearch, Ready, Refused, Reply, work
 
@@ -86,10 +87,11 @@ class Workers:
             self._idle.put_nowait(worker)
 
     async def answer(
-        self, request: Search | FileRequest | CommandSearch, timeout: float
+        self, request: Search | FileRequest | CommandSearch, timeout: float, handing: list[int] | None = None
     ) -> AsyncGenerator[Reply, None]:
-        """Send one request to a free worker and yield its replies until the last one, or a
-        timeout. The worker is held for as long as the replies are read, which may outlive
+        """Send one request to a free worker, and with it the descriptors in ``handing``
+        (closed here once the worker has them), and yield its replies until the last one, or
+        a timeout. The worker is held for as long as the replies are read, which may outlive
         the handler that asked. A worker found dead before its first reply (killed while
         idle, say) is replaced, and the request sent to the next one."""
         last = self.size + 1  # every idle worker may have been killed at once
@@ -102,6 +104,8 @@ class Workers:
                         started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
                         worker.ready = isinstance(started, Ready)
                     worker.conn.send(request)
+                    if handing:
+                        descriptors.hand(worker.conn, handing)
                     deadline = time.monotonic() + timeout
                     while worker.busy:
                         remaining = deadline - time.monotonic()

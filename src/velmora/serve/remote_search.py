@@ -1,10 +1,9 @@
-"""A command-line search run in a server's worker, its output sent back byte for byte as the
-command would have printed it."""
+"""A command-line search run in a server's worker, writing to the client's own standard output
+and error, as the command would have printed it."""
 
 from __future__ import annotations
 
 import contextlib
-import io
 import os
 from collections.abc import Sequence
 from multiprocessing.connection import Connection
@@ -13,14 +12,7 @@ from typing import NamedTuple
 
 from velmora import cli
 from velmora.api import Repository
-from velmora.serve import wire
-
-
-class Output(NamedTuple):
-    """Bytes a command-line search printed: to standard output (``wire.OUT``) or error."""
-
-    stream: bytes
-    data: bytes
+from velmora.serve import descriptors
 
 
 class Exited(NamedTuple):
@@ -31,9 +23,9 @@ class Exited(NamedTuple):
 
 
 class CommandSearch(NamedTuple):
-    """A search as the command was given it: its directory, whether its standard output is
-    a terminal, that output's encoding and error handler, and its arguments; ``fresh`` says
-    whether the server took in every change saved before it."""
+    """A search as the command was given it: its directory, its standard output's encoding
+    and error handler, and its arguments; ``fresh`` says whether the server took in every
+    change saved before it. The client's output descriptors follow it over the pipe."""
 
     fields: list[str]
     fresh: bool
@@ -43,50 +35,35 @@ class NotServed(Exception):
     """The search is of a repository this server does not hold."""
 
 
-class _Frames(io.RawIOBase):
-    """A stream whose writes go to the server as frames of one kind."""
-
-    def __init__(self, conn: Connection, kind: bytes, tty: bool) -> None:
-        super().__init__()
-        self._conn, self._kind, self._tty = conn, kind, tty
-
-    def writable(self) -> bool:
-        return True
-
-    def isatty(self) -> bool:
-        return self._tty  # the client's terminal decides --color auto
-
-    def write(self, data) -> int:
-        self._conn.send(Output(self._kind, bytes(data)))
-        return len(data)
-
-
-def answer(conn: Connection, repos: Sequence[Repository], fields: list[str], fresh: bool) -> None:
-    """Run the search that ``fields`` (a request's, after its kind) describe; ``fresh`` says
-    whether the server brought the index up to date for it."""
-    cwd, tty, encoding, errors, *argv = fields
+def answer(conn: Connection, repos: Sequence[Repository], search: CommandSearch, streams: list[int]) -> None:
+    """Run ``search`` with ``streams`` (the client's standard output and error) as its own,
+    and close them before the exit status goes back: once the client exits on it, nothing
+    here holds its output open."""
+    cwd, encoding, errors, *argv = search.fields
     served = {repo.root: repo for repo in repos}
 
     def repository(root: Path) -> tuple[Repository, bool]:
         if root not in served:
             raise NotServed(root)
-        return served[root], fresh
+        return served[root], search.fresh
 
-    streams = [
-        io.TextIOWrapper(io.BufferedWriter(_Frames(conn, kind, tty == "1")), encoding, errors)
-        for kind in (wire.OUT, wire.ERR)
-    ]
+    # Buffered as the interpreter buffers its own: output by line on a terminal, errors by line.
+    opened = []
     try:
+        for fd, buffering in zip(streams, (-1, 1)):
+            opened.append(open(fd, "w", buffering, encoding, errors, closefd=False))
+        out, err = opened
         os.chdir(cwd)
-        with contextlib.redirect_stdout(streams[0]), contextlib.redirect_stderr(streams[1]):
+        with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
             try:
                 status = cli.main(argv, served=repository)
             except SystemExit as stop:  # argparse's answer to a bad option, or --help
                 status = stop.code if isinstance(stop.code, int) else 2
-            finally:
-                for stream in streams:
-                    stream.flush()
-    except (NotServed, OSError):  # another repository, or a directory gone
-        conn.send(Exited(None))
-        return
+    except (NotServed, OSError, LookupError):  # another repository, a directory gone
+        status = None
+    finally:
+        for stream in opened:
+            with contextlib.suppress(OSError):
+                stream.close()  # marked closed even when its last flush fails
+        descriptors.close(streams)
     conn.send(Exited(status))

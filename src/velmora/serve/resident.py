@@ -13,15 +13,14 @@ import struct
 import sys
 import time
 from collections.abc import Sequence
-from functools import partial
 from pathlib import Path
 
 import anyio
 
 from velmora.index import build as indexer, safety
-from velmora.serve import wire
+from velmora.serve import descriptors, wire
 from velmora.serve.pool import Workers
-from velmora.serve.remote_search import CommandSearch, Exited, Output
+from velmora.serve.remote_search import CommandSearch, Exited
 from velmora.serve.watching import WatchedTree
 from velmora.serve.worker import Refused
 from velmora.storage import schema
@@ -45,7 +44,8 @@ class Resident:
         self.pool = Workers(roots, workers)
         self.last_search = time.monotonic()
         self.stopping = asyncio.Event()
-        self._listeners: list[asyncio.AbstractServer] = []
+        self._listeners: list[socket.socket] = []
+        self._answering: set[asyncio.Task] = set()
         self._locks: list[int | None] = []
         self._tasks: list[asyncio.Task] = []
 
@@ -77,13 +77,13 @@ class Resident:
             if lock is None:
                 continue
             sock = _bound(tree.root)
-            self._listeners.append(
-                await asyncio.start_unix_server(partial(self._answer, number), sock=sock))
+            self._listeners.append(sock)
+            self._tasks.append(asyncio.create_task(self._listen(number, sock)))
         self._tasks.append(asyncio.create_task(self._refresh()))
         return True
 
     async def stop(self) -> None:
-        for task in self._tasks:
+        for task in [*self._tasks, *self._answering]:
             task.cancel()
         for listener in self._listeners:
             listener.close()
@@ -119,68 +119,114 @@ class Resident:
                     return
                 await anyio.to_thread.run_sync(tree.settle)
 
-    async def _answer(self, number: int, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+    async def _listen(self, number: int, listener: socket.socket) -> None:
+        loop = asyncio.get_running_loop()
+        while True:
+            sock, _ = await loop.sock_accept(listener)
+            task = asyncio.create_task(self._answer(number, sock))
+            self._answering.add(task)
+            task.add_done_callback(self._answering.discard)
+
+    async def _answer(self, number: int, sock: socket.socket) -> None:
+        loop = asyncio.get_running_loop()
+        streams: list[int] = []  # the client's, until a worker has them
         try:
-            if _peer_uid(writer) != os.getuid():
+            if _peer_uid(sock) != os.getuid():
                 return
-            head = await reader.readexactly(5)
-            request = wire.fields(await reader.readexactly(int.from_bytes(head[1:], "big")))
-            if request[0] == "stop":
+            request = wire.fields(await _request(loop, sock, streams))
+            searching = request[0] == "search" and request[1:2] == [wire.PACKAGE]
+            if len(streams) != (wire.MOST_DESCRIPTORS if searching else 0):
+                return  # refused: not what a client of this server sends
+            if searching:
+                answer = await self._search(number, request[2:], sock, streams)
+            elif request[0] == "stop":
                 said = b"stopping\n" if self.background else b""
-                writer.write(wire.frame(wire.OUT, said) + wire.frame(wire.EXIT, b"0"))
+                answer = wire.frame(wire.OUT, said) + wire.frame(wire.EXIT, b"0")
                 if self.background:
                     self.stopping.set()
             elif request[0] == "status":
                 started = "a search" if self.background else "velmora serve"
                 text = f"Server: process {os.getpid()} (started by {started}) answers searches\n"
-                writer.write(wire.frame(wire.OUT, text.encode()) + wire.frame(wire.EXIT, b"0"))
-            elif request[0] == "search" and request[1:2] == [wire.PACKAGE]:
-                await self._search(number, request[2:], reader, writer)
+                answer = wire.frame(wire.OUT, text.encode()) + wire.frame(wire.EXIT, b"0")
             else:  # another velmora's search
-                writer.write(wire.frame(wire.FALLBACK, b""))
-            await writer.drain()
-        except (OSError, asyncio.IncompleteReadError):
-            pass  # the client went away
+                answer = wire.frame(wire.FALLBACK, b"")
+            await loop.sock_sendall(sock, answer)
+        except (OSError, EOFError, descriptors.Stray):
+            pass  # the client went away, or sent what no client of this server sends
         finally:
-            writer.close()
+            descriptors.close(streams)
+            sock.close()
 
-    async def _search(
-        self, number: int, fields: list[str], reader: asyncio.StreamReader, writer: asyncio.StreamWriter
-    ) -> None:
+    async def _search(self, number: int, fields: list[str], sock: socket.socket, streams: list[int]) -> bytes:
+        """The answer to a search, once its worker has written the output and closed the
+        client's ``streams``; empty when the client went away (^C) first: its worker is then
+        stopped at once, so that nothing is written after the client has gone."""
         fresh = await self.fresh(number)
-        relay = asyncio.create_task(self._relay(CommandSearch(fields, fresh), writer))
-        # A client that goes away (^C) frees its worker at once, whatever the search is doing.
-        gone = asyncio.create_task(reader.read(1))
+        relay = asyncio.create_task(self._relay(CommandSearch(fields, fresh), streams))
+        gone = asyncio.create_task(asyncio.get_running_loop().sock_recv(sock, 1))
         await asyncio.wait({relay, gone}, return_when=asyncio.FIRST_COMPLETED)
         gone.cancel()
         if not relay.done():
             relay.cancel()
         try:
-            await relay
+            return await relay
         except asyncio.CancelledError:
-            pass
+            return b""
 
-    async def _relay(self, request: CommandSearch, writer: asyncio.StreamWriter) -> None:
+    async def _relay(self, request: CommandSearch, streams: list[int]) -> bytes:
         # The command has no deadline: its user stops it.
-        answer = self.pool.answer(request, math.inf)
+        answer = self.pool.answer(request, math.inf, streams)
+        ended: Exited | Refused | None = None
         try:
             async for reply in answer:
-                if isinstance(reply, Output):
-                    writer.write(wire.frame(reply.stream, reply.data))
-                    await writer.drain()
-                elif isinstance(reply, Exited):
-                    status = reply.status
-                    writer.write(wire.frame(wire.FALLBACK, b"") if status is None
-                                 else wire.frame(wire.EXIT, str(status).encode()))
-                elif isinstance(reply, Refused):  # found outside the command's own checks
-                    message = f"velmora: error: {reply.reason}\n".encode()
-                    writer.write(wire.frame(wire.ERR, message) + wire.frame(wire.EXIT, b"2"))
+                if isinstance(reply, (Exited, Refused)):
+                    ended = reply
         finally:
             await answer.aclose()
+        if isinstance(ended, Refused):  # found outside the command's own checks
+            return wire.frame(wire.ERR, f"velmora: error: {ended.reason}\n".encode()) + wire.frame(wire.EXIT, b"2")
+        if ended is None or ended.status is None:
+            return wire.frame(wire.FALLBACK, b"")
+        return wire.frame(wire.EXIT, str(ended.status).encode())
 
 
-def _peer_uid(writer: asyncio.StreamWriter) -> int:
-    sock = writer.get_extra_info("socket")
+async def _request(loop: asyncio.AbstractEventLoop, sock: socket.socket, streams: list[int]) -> bytes:
+    """The payload of the request frame on ``sock``; the descriptors that came with it go
+    to ``streams``."""
+    head = await _exactly(loop, sock, 5, streams)
+    return await _exactly(loop, sock, int.from_bytes(head[1:], "big"), streams)
+
+
+async def _exactly(loop: asyncio.AbstractEventLoop, sock: socket.socket, size: int, streams: list[int]) -> bytes:
+    """``size`` bytes from ``sock`` as they come; EOFError when it closes first."""
+    data = b""
+    while len(data) < size:
+        try:
+            part = descriptors.received(sock, min(size - len(data), 1 << 20), streams)
+        except BlockingIOError:
+            await _readable(loop, sock)
+            continue
+        if not part:
+            raise EOFError
+        data += part
+    return data
+
+
+async def _readable(loop: asyncio.AbstractEventLoop, sock: socket.socket) -> None:
+    ready = loop.create_future()
+
+    def wake() -> None:
+        if not ready.done():  # it may fire again before the waiter runs
+            ready.set_result(None)
+
+    loop.add_reader(sock, wake)
+    try:
+        await ready
+    finally:
+        loop.remove_reader(sock)
+
+
+def _peer_uid(sock: socket.socket) -> int:
     credentials = sock.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i"))
     return struct.unpack("3i", credentials)[1]
 
@@ -239,4 +285,5 @@ def _bound(root: Path) -> socket.socket:
     wire.at(str(root), sock.bind)
     os.chmod(path, 0o600)
     sock.listen(64)
+    sock.setblocking(False)  # accepted on the event loop
     return sock

@@ -2,14 +2,17 @@
 
 Imported by the command's fast path, so it imports nothing but builtin modules.
 
-A request is one frame of NUL-separated fields; the answer is a series of frames, each a kind
-byte, a 4-byte big-endian length and that many bytes, ending with ``EXIT`` or ``FALLBACK``.
+A request is one frame of NUL-separated fields; a search's carries the client's standard output
+and error as descriptors (SCM_RIGHTS), which the search writes to itself. The answer is a series
+of frames, each a kind byte, a 4-byte big-endian length and that many bytes, ending with
+``EXIT`` or ``FALLBACK``.
 """
 
 from __future__ import annotations
 
 import _socket
 import os
+import sys
 
 # In the repository's .velmora/, beside the index.
 SOCKET_NAME = "server.sock"
@@ -25,6 +28,9 @@ FALLBACK = b"f"  # the server does not answer this one: the command runs it itse
 # before an upgrade) leaves the search to the command.
 PACKAGE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
+# A search hands over its standard output and error, no more.
+MOST_DESCRIPTORS = 2
+
 # sun_path holds 108 bytes; a longer path is reached through the directory's descriptor.
 _MAX_ADDRESS = 100
 
@@ -35,6 +41,14 @@ def frame(kind: bytes, payload: bytes) -> bytes:
 
 def request(fields: list[str]) -> bytes:
     return frame(b"q", "\0".join(fields).encode("utf-8", "surrogateescape"))
+
+
+def send(sock: _socket.socket, data: bytes, descriptors: list[int]) -> None:
+    """Send all of ``data``, the descriptors riding with its first bytes."""
+    rights = b"".join(fd.to_bytes(4, sys.byteorder, signed=True) for fd in descriptors)
+    sent = sock.sendmsg([data], [(_socket.SOL_SOCKET, _socket.SCM_RIGHTS, rights)] if rights else [])
+    if sent < len(data):
+        sock.sendall(data[sent:])
 
 
 def fields(payload: bytes) -> list[str]:

@@ -14,8 +14,8 @@ from typing import NamedTuple
 from velmora.api import Repository, RepositoryError
 from velmora.output import printer as output
 from velmora.query.pattern import QueryError
-from velmora.serve import every_repo, remote_search
-from velmora.serve.remote_search import CommandSearch, Exited, Output
+from velmora.serve import descriptors, every_repo, remote_search
+from velmora.serve.remote_search import CommandSearch, Exited
 from velmora.serve.params import FileRequest, Search, names
 from velmora.storage import schema
 
@@ -53,9 +53,9 @@ class Refused(NamedTuple):
     reason: str
 
 
-Reply = Ready | Lines | Finished | FileText | Refused | Output | Exited
+Reply = Ready | Lines | Finished | FileText | Refused | Exited
 # The replies after which more come.
-PARTIAL = (Lines, Output)
+PARTIAL = (Lines,)
 
 
 # Python's re cannot be interrupted from another thread, so searches run in worker
@@ -73,10 +73,13 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
             request = conn.recv()
         except (EOFError, KeyboardInterrupt):
             return
+        streams: list[int] = []
         try:
+            if isinstance(request, CommandSearch):
+                streams = descriptors.handed(conn)
             repos = indexes.current()
             if isinstance(request, CommandSearch):
-                remote_search.answer(conn, repos, request.fields, request.fresh)
+                remote_search.answer(conn, repos, request, streams)
             elif isinstance(request, Search):
                 _search_into(conn, repos, shown, request)
             else:
@@ -85,6 +88,8 @@ def work(conn: Connection, roots: Sequence[Path]) -> None:
             conn.send(Refused(400, str(error)))
         except RepositoryError as error:  # a damaged index: the server's fault, not the request's
             conn.send(Refused(500, str(error)))
+        finally:
+            descriptors.close(streams)  # a search that never ran holds none of its client's output
 
 
 class OpenIndexes:
