@@ -135,13 +135,14 @@ def test_a_needle_plan_keeps_every_matching_text(index, lines, data, ignore_case
 
 LONG_SEARCH = """
 import resource, sys
-# A guard, far above what a search in one pass takes: planning in time quadratic in the
-# needle's length would take hours here.
+# A guard, far above what a search in one pass takes: planning or searching in time
+# quadratic in the needle's or the text's length would take hours here.
 resource.setrlimit(resource.RLIMIT_CPU, (120, 120))
 from velmora.api import Repository
 from velmora.query.pattern import Query
+fixed = sys.argv[2] == "fixed"
 with Repository.open(sys.argv[1]) as repo:
-    results, _ = repo.search(Query.parse(sys.stdin.read(), fixed=True, ignore_case=True))
+    results, _ = repo.search(Query.parse(sys.stdin.read(), fixed=fixed, ignore_case=fixed))
     print([(path, [hit.line for hit in hits]) for path, hits in results])
 """
 
@@ -154,10 +155,22 @@ def test_a_megabyte_needle_that_ignores_case_is_searched(tmp_path):
     (tmp_path / "a.txt").write_text(f"x\n{text}\ny\n", encoding="utf-8")
     (tmp_path / "b.txt").write_text(text[: 1 << 19] + "!" + text[1 << 19 :], encoding="utf-8")
     found = subprocess.run(
-        [sys.executable, "-c", LONG_SEARCH, str(tmp_path)], input=text.lower(),
+        [sys.executable, "-c", LONG_SEARCH, str(tmp_path), "fixed"], input=text.lower(),
         capture_output=True, text=True, encoding="utf-8",
     )
     assert (found.returncode, found.stdout) == (0, "[('a.txt', [2])]\n"), found.stderr[-500:]
+
+
+def test_a_regex_whose_widened_form_could_cross_lines_is_searched_line_by_line(tmp_path):
+    # Every line holds an x, only the last a y: from each line, x.*y widened to cross lines
+    # would search on to the text's end.
+    subprocess.run(["git", "init", "-q", str(tmp_path)], check=True)
+    (tmp_path / "a.txt").write_text("x\n" * 400_000 + "x y\n")
+    found = subprocess.run(
+        [sys.executable, "-c", LONG_SEARCH, str(tmp_path), "regex"], input="x.*y",
+        capture_output=True, text=True,
+    )
+    assert (found.returncode, found.stdout) == (0, "[('a.txt', [400001])]\n"), found.stderr[-500:]
 
 
 # -- the whole search against a plain scan of a real tree --------------------------------------

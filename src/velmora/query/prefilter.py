@@ -31,13 +31,18 @@ class Unsupported(Exception):
 
 
 def widened_search(source: str) -> Search | None:
-    """The search of a widened pattern, or None where RE2 refuses it (too large, say)."""
+    """The search of a widened pattern over texts of lines joined by LF, matching within a
+    line only; None where RE2 refuses it (too large, say)."""
     # Imported here: RE2 costs a plain search a fifth of its start-up.
     import re2  # type: ignore[import-untyped]
 
     options = re2.Options()
     options.max_mem = 64 << 20
     options.never_capture = True
+    # The regex is judged a line at a time, so a match within a line is all that is sought;
+    # one let across lines (a widened ".*" takes any character) would run to the text's last
+    # possible end from every line searched: quadratic in the text.
+    options.never_nl = True
     options.log_errors = False  # a pattern RE2 refuses is not an error of the search
     try:
         # On bytes: a str would be encoded, and its offsets mapped back, at every call.
