@@ -208,6 +208,8 @@ def test_like_rg(trees, capsys, monkeypatch, argv, where, how):
         (["-t", "nosuch", "x"], "velmora: error: unrecognized file type: nosuch"),
         (["-c", "--json", "x"], "not allowed with argument"),
         (["(unclosed"], "velmora: error: invalid regex '(unclosed'"),
+        (["\\x{6a}("], "velmora: error: invalid regex '\\x{6a}('"),  # as given, not escaped again
+        (["a\nb"], "velmora: error: a pattern holds a line feed"),
         (["-i"], "velmora: error: no pattern given"),
         (["x", "nowhere"], "velmora: error: no such file or directory: nowhere"),
         (["x", "link.py"], "velmora: error: link.py is a symbolic link out of "),

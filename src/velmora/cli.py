@@ -397,6 +397,8 @@ def _searched(args: argparse.Namespace) -> int:
             args.mode = "files"
     elif not (patterns or args.files):
         raise UsageError("no pattern given (velmora search code PATTERN [PATH ...])")
+    elif not args.multiline and any("\n" in pattern for pattern in patterns):
+        raise UsageError("a pattern holds a line feed, which no line does (-U searches across lines)")
     else:
         query = asked = Query.parse(
             patterns, fixed=args.fixed_strings, ignore_case=args.case == "ignore",

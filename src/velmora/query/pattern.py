@@ -59,7 +59,7 @@ class Query(NamedTuple):
                 source = rf"^(?:{source})$"
             pattern = re.compile(source, re.IGNORECASE if ignore_case else 0)
         except (re.error, OverflowError, RecursionError) as error:
-            shown = " ".join(map(repr, patterns))
+            shown = " ".join(f"'{text}'" if text.isprintable() else repr(text) for text in patterns)
             raise QueryError(f"invalid regex {shown}: {error}") from None
         return cls(None, pattern, not ignore_case)
 
