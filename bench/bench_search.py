@@ -14,7 +14,7 @@ source tree (its src/, modules built) beside this one, for a before-and-after ta
 interleaved run; --server sends velmora's searches through the repository's background server
 (started by the first search, stopped at the end; the CPU time is then the client's alone),
 each source tree with its own copy of the indexed tree, so that each has its own server. The
-command runs as the installed `velmora` script runs it (`velmora.client`). The load average is
+command runs as the installed `velmora` script runs it (`from velmora.client import main; main()`). The load average is
 printed with every table: the machine may be shared.
 Usage: bench_search.py [--corpus stdlib|large ...] [--layout L ...] [--repeats N] [--keep DIR]
                        [--lines] [--before SRC] [--server]
@@ -160,7 +160,7 @@ def stop_servers(programs: list[Program], searched: list[Path]) -> None:
 
 def velmora_argv(server: bool) -> list[str]:
     # As the installed script runs it: the client first, the full command behind it.
-    return [sys.executable, "-m", "velmora.client", "search", "code", *([] if server else ["--no-server"])]
+    return [sys.executable, "-c", "from velmora.client import main; main()", "search", "code", *([] if server else ["--no-server"])]
 
 
 def main() -> None:

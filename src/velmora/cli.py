@@ -260,7 +260,7 @@ def _columns() -> int:
         columns = 0
     if columns > 0:
         return columns
-    stdout = sys.__stdout__
+    stdout = sys.stdout  # in a server's worker, the client's own
     try:
         return (stdout and os.get_terminal_size(stdout.fileno()).columns) or 80
     except (AttributeError, ValueError, OSError):
