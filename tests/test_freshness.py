@@ -53,15 +53,13 @@ def plain_scan(root: Path, needle: str) -> list[str]:
 
 
 def search(root: Path, *argv: str) -> tuple[list[str], str]:
-    with contextlib.redirect_stdout(out := _Text()), contextlib.redirect_stderr(err := _Text()):
-        with contextlib.chdir(root):
+    # Files, not strings: a server's worker writes to the client's output itself.
+    with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
+        with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err), contextlib.chdir(root):
             cli.main(["search", "code", "--color", "never", "--column", "--hidden", *argv])
-    return out.getvalue().splitlines(), err.getvalue()
-
-
-class _Text(__import__("io").StringIO):
-    def isatty(self) -> bool:
-        return False
+        out.seek(0)
+        err.seek(0)
+        return out.read().splitlines(), err.read()
 
 
 def edit(root: Path, edits, mtimes=None) -> None:
