@@ -2,9 +2,14 @@
 // decoded whole, checked as UTF-8 by a code-point decoder, split on LF, each line lower-cased
 // as far as an ASCII needle can tell, and searched by brute force.
 //
+// Every match of a line is found as the host's printer finds it (in the lower-cased line,
+// mapped back), and each layout is written out field by field.
+//
 // Input layout: byte 0 holds the flags (bit 0 case kept, bits 1..2 the mode, bits 3..4 the
-// match limit, 0 for none), byte 1 the needle's size, then the needle, then the chunks'
-// texts, raw bytes (any UTF-8, good or bad), separated by 0xFF. A text starting with 0xFE
+// match limit, 0 for none, bits 5..7 colour, only the matches, vimgrep), byte 1 the needle's
+// size (bits 0..2) and the rest of the layout (bits 3..7: no file name, heading, no line
+// number, no column, NUL after names), then the needle, then the chunks' texts, raw bytes
+// (any UTF-8, good or bad), separated by 0xFF. A text starting with 0xFE
 // is stored as it is, not as a frame; one starting with 0xFD gets a wrong last-line number;
 // one starting with 0xFC starts the next file.
 #include <algorithm>
@@ -44,8 +49,8 @@ bool ref_decode(const std::string& bytes, std::vector<uint32_t>& out) {
     return true;
 }
 
-size_t ref_find(const std::vector<uint32_t>& hay, const std::vector<uint32_t>& needle) {
-    for (size_t p = 0; p + needle.size() <= hay.size(); ++p) {
+size_t ref_find(const std::vector<uint32_t>& hay, const std::vector<uint32_t>& needle, size_t from = 0) {
+    for (size_t p = from; p + needle.size() <= hay.size(); ++p) {
         if (std::equal(needle.begin(), needle.end(), hay.begin() + static_cast<ptrdiff_t>(p))) return p;
     }
     return kNotFound;
@@ -60,6 +65,81 @@ size_t ref_column(const std::vector<uint32_t>& line, const std::vector<uint32_t>
     const size_t at = ref_find(lowered, needle);
     return at == kNotFound ? at : at < origin.size() ? origin[at] : line.size();
 }
+
+struct RefSpan {
+    size_t begin, end;  // code points of the line
+};
+
+// Every match on the line: non-overlapping, each search from the end of the one before (one
+// further after an empty match), in the lower-cased line when case is ignored.
+std::vector<RefSpan> ref_spans(const std::vector<uint32_t>& line, const std::vector<uint32_t>& needle, bool keep_case) {
+    std::vector<uint32_t> lowered = line;
+    std::vector<size_t> origin;
+    if (!keep_case) velmora::fuzz::ref_lower(line, lowered, origin);
+    const auto back = [&](size_t at) { return keep_case ? at : at < origin.size() ? origin[at] : line.size(); };
+    std::vector<RefSpan> out;
+    for (size_t at = ref_find(lowered, needle); at != kNotFound;
+         at = ref_find(lowered, needle, at + std::max<size_t>(needle.size(), 1))) {
+        const size_t end = at + needle.size();
+        out.push_back(RefSpan{back(at), end > at ? back(end - 1) + 1 : back(at)});
+    }
+    return out;
+}
+
+// The UTF-8 size of the first `count` code points.
+size_t ref_bytes(const std::vector<uint32_t>& points, size_t count) {
+    size_t bytes = 0;
+    for (size_t k = 0; k < count; ++k) bytes += points[k] < 0x80 ? 1 : points[k] < 0x800 ? 2 : points[k] < 0x10000 ? 3 : 4;
+    return bytes;
+}
+
+const std::string kNul(1, '\0');
+
+// A file's records, written out as the printer writes them.
+struct RefWriter {
+    const ScanLayout& layout;
+    std::string name;
+
+    RefWriter(const ScanLayout& layout, const std::string& shown)
+        : layout(layout), name(layout.color ? "\x1b[35m" + shown + "\x1b[0m" : shown) {}
+
+    std::string prefix(int64_t number, size_t byte_column) const {
+        std::string out;
+        if (layout.filename && !layout.heading) out += name + (layout.null ? kNul : ":");
+        if (layout.line_number) out += layout.color ? "\x1b[32m" + std::to_string(number) + "\x1b[0m:" : std::to_string(number) + ":";
+        if (layout.column) out += std::to_string(byte_column + 1) + ":";
+        return out;
+    }
+    std::string match(const std::string& text) const {
+        return layout.color && !text.empty() ? "\x1b[1;31m" + text + "\x1b[0m" : text;
+    }
+    std::string head() const { return layout.heading && layout.filename ? name + (layout.null ? kNul : "\n") : ""; }
+
+    // The records of a matching line; its first match starts at code point `column`.
+    std::string records(int64_t number, const std::string& line, const std::vector<uint32_t>& points, size_t column,
+                        const std::vector<RefSpan>& spans) const {
+        std::string whole, out;
+        size_t done = 0;
+        for (const RefSpan& span : spans) {
+            const size_t begin = ref_bytes(points, span.begin), end = ref_bytes(points, span.end);
+            whole += line.substr(done, begin - done) + match(line.substr(begin, end - begin));
+            done = end;
+        }
+        whole += line.substr(done);
+        if (!layout.color) whole = line;
+        if (!layout.only_matching && !layout.vimgrep) return prefix(number, ref_bytes(points, column)) + whole + "\n";
+        for (const RefSpan& span : spans) {
+            const size_t begin = ref_bytes(points, span.begin), end = ref_bytes(points, span.end);
+            out += prefix(number, begin) + (layout.only_matching ? match(line.substr(begin, end - begin)) : whole) + "\n";
+        }
+        return out;
+    }
+    std::string total(ScanMode mode, uint64_t count) const {
+        if (mode == ScanMode::files) return name + (layout.null ? kNul : "\n");
+        if (!layout.filename) return std::to_string(count) + "\n";
+        return name + (layout.null ? kNul : ":") + std::to_string(count) + "\n";
+    }
+};
 
 struct Input {
     std::string text;  // what the body decodes to, by libzstd itself
@@ -92,8 +172,9 @@ ScanResult reference(const ScanQuery& query, const std::vector<Input>& chunks, c
         }
     }
     for (size_t f = 0; f < files.size(); ++f) {
+        const RefWriter writer(query.layout, files[f].shown);
         std::string block;
-        uint64_t taken = 0;
+        uint64_t taken = 0, matches = 0;
         for (const Input& chunk : chunks) {
             if (chunk.file != f) continue;
             if (!ref_decode(chunk.text, text)) continue;  // unchecked: it lacks the needle
@@ -111,22 +192,16 @@ ScanResult reference(const ScanQuery& query, const std::vector<Input>& chunks, c
                 ref_decode(line, points);
                 const size_t column = ref_column(points, needle, query.case_sensitive);
                 if (column != kNotFound && taken < query.max_count) {
-                    ++taken;
-                    if (query.mode == ScanMode::lines) {
-                        // Columns count bytes, as rg's do: the UTF-8 width of the points before.
-                        size_t byte_column = 0;
-                        for (size_t k = 0; k < column; ++k) {
-                            byte_column += points[k] < 0x80 ? 1 : points[k] < 0x800 ? 2 : points[k] < 0x10000 ? 3 : 4;
-                        }
-                        block += files[f].shown + ":" + std::to_string(number) + ":" + std::to_string(byte_column + 1) + ":" + line + "\n";
-                    }
+                    if (taken++ == 0) block += writer.head();
+                    const std::vector<RefSpan> spans = ref_spans(points, needle, query.case_sensitive);
+                    matches += spans.size();
+                    block += writer.records(number, line, points, column, spans);
                 }
                 begin = end + 1;
             }
         }
         if (taken == 0) continue;
-        if (query.mode == ScanMode::count) block = files[f].shown + ":" + std::to_string(taken) + "\n";
-        if (query.mode == ScanMode::files) block = files[f].shown + "\n";
+        if (query.mode != ScanMode::lines) block = writer.total(query.mode, query.layout.only_matching ? matches : taken);
         want.blocks.push_back(FileBlock{f, want.out.size(), want.out.size() + block.size()});
         want.out += block;
     }
@@ -144,6 +219,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     query.case_sensitive = flags & 1;
     query.mode = static_cast<ScanMode>(((flags >> 1) & 3) % 3);
     query.max_count = (flags >> 3) & 3 ? (flags >> 3) & 3 : UINT64_MAX;
+    const uint8_t shape = data[1];
+    query.layout = ScanLayout{!(shape & 0x08), (shape & 0x10) != 0, !(shape & 0x20), !(shape & 0x40),
+                              (shape & 0x80) != 0, (flags & 0x40) != 0, (flags & 0x80) != 0, (flags & 0x20) != 0};
     if (!query.case_sensitive) {
         // The host lower-cases the needle, and takes only an ASCII one here.
         for (char& c : query.needle) c = static_cast<char>(std::tolower(c & 0x7F));

@@ -3,6 +3,7 @@ and a search printed from it against the same search through the Python path."""
 
 from __future__ import annotations
 
+import io
 import shutil
 import sqlite3
 import subprocess
@@ -22,7 +23,9 @@ from velmora import native
 from velmora.api import Repository
 from velmora.index import build as indexer
 from velmora.output import printer
+from velmora.output.line_format import Shape
 from velmora.query.pattern import Query
+from velmora.search import native_scan
 from velmora.search.engine import Hit
 from velmora.storage import chunk_store, line_picks, schema
 
@@ -31,6 +34,9 @@ NO_DICTIONARY = native.FrameDictionary(b"")
 MODES = ["lines", "count", "files"]
 # Lines thick with the letters that lower-case into ASCII or grow, beside ASCII.
 LINE = st.one_of(lines(surrogates=False), st.text(alphabet="abikKI\u0130\u212a\u00e9 ", max_size=8))
+# Every layout a plain needle prints in (replacements aside).
+SHAPES = st.builds(Shape, **{field: st.booleans() for field in (
+    "filename", "heading", "line_number", "column", "only_matching", "vimgrep", "null")})
 FILES = st.lists(st.lists(st.lists(LINE, min_size=1, max_size=5).map("\n".join), max_size=3), max_size=4)
 
 
@@ -52,7 +58,8 @@ def group(files: list[list[str]]) -> tuple[list[tuple], list[tuple]]:
     return rows, listed
 
 
-def expected(files: list[list[str]], query: Query, mode: str, max_count: int | None) -> list[tuple[int, bytes]]:
+def expected(files: list[list[str]], query: Query, mode: str, max_count: int | None, shape: Shape,
+             color: bool) -> list[tuple[int, bytes]]:
     out = []
     for position, chunks in enumerate(files):
         hits, first = [], 1
@@ -63,13 +70,13 @@ def expected(files: list[list[str]], query: Query, mode: str, max_count: int | N
             first += len(split)
         hits = hits[:max_count] if max_count is not None else hits
         if hits:
-            out.append((position, printer.plain_block(mode, f"./f{position}", hits, query).encode()))
+            out.append((position, printer.plain_block(mode, f"./f{position}", hits, query, shape, color).encode()))
     return out
 
 
 @given(files=FILES, choice=st.data(), case_sensitive=st.booleans(), mode=st.sampled_from(MODES),
-       max_count=st.one_of(st.none(), st.integers(0, 3)))
-def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode, max_count):
+       max_count=st.one_of(st.none(), st.integers(0, 3)), shape=SHAPES, color=st.booleans())
+def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode, max_count, shape, color):
     text = "\n".join(c for chunks in files for c in chunks)
     needle = choice.draw(st.one_of(needles(text), st.sampled_from(["", "k", "i", "ki", "\n", "\0"])))
     needle = needle if case_sensitive else needle.lower()
@@ -77,8 +84,9 @@ def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode
     assume(needle.isascii() or case_sensitive and not any("\ud800" <= c <= "\udfff" for c in needle))
     query = Query(needle, None, case_sensitive)
     rows, listed = group(files)
-    got = native.scan_chunks(NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, mode, max_count)
-    assert got == (expected(files, query, mode, max_count), None)
+    got = native.scan_chunks(NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, mode, max_count,
+                             shape, color)
+    assert got == (expected(files, query, mode, max_count, shape, color), None)
 
 
 @given(texts=st.lists(st.text(alphabet="ab\n\u00e9", max_size=4), max_size=8), needle=st.text(alphabet="ab\n", max_size=2))
@@ -142,13 +150,20 @@ def tree(tmp_path_factory) -> Path:
     ("self", True), ("ns", True), ("Message", True), ("message", False), ("ki", False), ("i", False),
     ("\u00e9", True), ("", True), ("no such text", True),
 ])
-@pytest.mark.parametrize("mode, max_count", [("lines", None), ("lines", 2), ("count", None), ("files", 1)])
-def test_printed_search_is_the_python_paths(tree, needle, case_sensitive, mode, max_count):
+@pytest.mark.parametrize("mode, max_count, shape, color", [
+    ("lines", None, Shape(), False), ("lines", 2, Shape(), False), ("count", None, Shape(), False),
+    ("files", 1, Shape(), False),
+    ("lines", None, Shape(line_number=False, column=False), False),  # piped, as users get it
+    ("lines", 3, Shape(heading=True, column=False), True),  # on a terminal: files apart
+    ("count", None, Shape(only_matching=True, null=True), False),
+])
+def test_printed_search_is_the_python_paths(tree, needle, case_sensitive, mode, max_count, shape, color):
     query = Query(needle, None, case_sensitive)
     with Repository.open(tree) as repo:
-        blocks, reason = repo.printed(query, mode=mode, max_count=max_count)
-        got = b"".join(blocks)
+        blocks, reason = repo.printed(query, mode=mode, max_count=max_count, shape=shape, color=color)
+        got = native_scan.separator(mode, shape).join(blocks)
         results, _ = repo.search(query, max_count=max_count)
-        want = "".join(printer.plain_block(mode, path, hits, query) for path, hits in results)
+        want = io.StringIO()
+        printer.Printer(query, want, mode=mode, color=color, shape=shape).print_all(results)
     assert "an index pass is running" in reason
-    assert got.decode() == want
+    assert got.decode() == want.getvalue()

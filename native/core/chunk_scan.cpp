@@ -3,19 +3,12 @@
 #include "core/utf8.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
 namespace velmora::core {
 namespace {
 
 constexpr size_t kNoLimit = SIZE_MAX;
-
-void append_number(std::string& out, int64_t value) {
-    char digits[24];
-    const auto done = std::to_chars(digits, digits + sizeof digits, value);
-    out.append(digits, done.ptr);
-}
 
 // Where a line is found: its bytes [begin, end) in the chunk's text, and the column of the
 // first match on it, in bytes.
@@ -67,7 +60,38 @@ class Needle {
         return true;
     }
 
+    // Every match on a line, in place of what `out` held.
+    void spans(const uint8_t* line, size_t size, std::vector<Span>& out) {
+        out.clear();
+        if (size_ == 0) return empty_spans(line, size, out);
+        if (foreign_ && utf8_holds_foreign_folds(line, size)) return wide_spans(line, size, out);
+        for (size_t at = find(line, size, 0); at != kNotFound; at = find(line, size, at + size_)) {
+            out.push_back(Span{at, at + size_});
+        }
+    }
+
   private:
+    void empty_spans(const uint8_t* line, size_t size, std::vector<Span>& out) const {
+        for (size_t at = 0; at <= size; ++at) {
+            if (at < size && (line[at] & 0xC0) == 0x80) continue;  // inside a code point
+            out.push_back(Span{at, at});
+            const bool dotted_i = at + 1 < size && line[at] == 0xC4 && line[at + 1] == 0xB0;
+            if (!case_sensitive_ && dotted_i) out.push_back(Span{at, at});
+        }
+    }
+
+    // Over code points: a match may end on a letter whose lower case is "k" or starts with "i".
+    void wide_spans(const uint8_t* line, size_t size, std::vector<Span>& out) {
+        decode_utf8(line, size, wide_);
+        for (size_t at = 0; at + size_ <= wide_.size();) {
+            const size_t found = find_folded(wide_.data() + at, wide_.size() - at, folded_);
+            if (found == kNotFound) break;
+            at += found;
+            out.push_back(Span{utf8_prefix_bytes(line, size, at), utf8_prefix_bytes(line, size, at + size_)});
+            at += size_;
+        }
+    }
+
     size_t find(const uint8_t* text, size_t size, size_t from) const noexcept {
         const size_t at = case_sensitive_ ? find_bytes(text + from, size - from, bytes_, size_)
                                           : find_folded(text + from, size - from, folded_);
@@ -111,53 +135,54 @@ class Needle {
 // Builds the output file by file.
 class Printer {
   public:
-    Printer(const ScanQuery& query, const ScanFile* files, ScanResult& result)
-        : query_(query), files_(files), result_(result) {}
+    Printer(const ScanQuery& query, const ScanFile* files, Needle& needle, ScanResult& result)
+        : query_(query),
+          files_(files),
+          needle_(needle),
+          result_(result),
+          spans_wanted_(needs_spans(query.mode, query.layout)) {}
 
     bool wants_more() const noexcept { return taken_ < query_.max_count; }
 
     void begin_file(size_t file) {
         finish_file();
         file_ = file;
-        taken_ = 0;
+        taken_ = matches_ = 0;
         begin_ = result_.out.size();
     }
 
     void line(int64_t number, const uint8_t* text, size_t size, size_t column) {
+        if (spans_wanted_) needle_.spans(text, size, spans_);
+        matches_ += spans_.size();
+        const std::string& shown = files_[file_].shown;
+        if (query_.mode == ScanMode::lines) {
+            if (taken_ == 0) write_head(result_.out, query_.layout, shown);
+            write_line(result_.out, query_.layout, shown, number,
+                       std::string_view(reinterpret_cast<const char*>(text), size), column, spans_);
+        }
         ++taken_;
-        if (query_.mode != ScanMode::lines) return;
-        std::string& out = result_.out;
-        out += files_[file_].shown;
-        out += ':';
-        append_number(out, number);
-        out += ':';
-        append_number(out, static_cast<int64_t>(column) + 1);
-        out += ':';
-        out.append(reinterpret_cast<const char*>(text), size);
-        out += '\n';
     }
 
     void finish_file() {
         if (file_ == kNoLimit || taken_ == 0) return;
-        std::string& out = result_.out;
         if (query_.mode != ScanMode::lines) {
-            out += files_[file_].shown;
-            if (query_.mode == ScanMode::count) {
-                out += ':';
-                append_number(out, static_cast<int64_t>(taken_));
-            }
-            out += '\n';
+            const uint64_t count = query_.layout.only_matching ? matches_ : taken_;
+            write_total(result_.out, query_.mode, query_.layout, files_[file_].shown, count);
         }
-        result_.blocks.push_back(FileBlock{file_, begin_, out.size()});
+        result_.blocks.push_back(FileBlock{file_, begin_, result_.out.size()});
         taken_ = 0;
     }
 
   private:
     const ScanQuery& query_;
     const ScanFile* files_;
+    Needle& needle_;
     ScanResult& result_;
+    const bool spans_wanted_;
+    std::vector<Span> spans_;
     size_t file_ = kNoLimit;
     uint64_t taken_ = 0;
+    uint64_t matches_ = 0;
     size_t begin_ = 0;
 };
 
@@ -189,7 +214,7 @@ ScanResult scan_chunks(const ScanQuery& query, const FrameDictionary* dictionary
     ScanResult result;
     FrameDecoder decoder(dictionary);
     Needle needle(query);
-    Printer printer(query, files, result);
+    Printer printer(query, files, needle, result);
     const uint8_t* data = nullptr;
     std::vector<FoundLine> found;
     size_t file = kNoLimit;

@@ -10,11 +10,16 @@
 //   - a chunk whose text holds the needle must have as many lines as its numbers say.
 // A chunk whose text does not hold the needle is never split into lines.
 //
-// Output, per file with a match: "shown:line:column:text\n" for each matching line (the
-// column counted from 1), "shown:count\n", or "shown\n".
+// Output, per file with a match: its matching lines, their count or its name, printed as
+// core/scan_layout.hpp lays them out under the file's shown name; a match is found again on
+// its line after the first as str.find finds it, from the end of the match before (from the
+// next code point, past an empty one), and, ignoring case, as it is found in line.lower()
+// mapped back onto the line (where an empty needle matches twice before a U+0130, whose
+// lower case is two code points).
 #pragma once
 
 #include "core/ascii_search.hpp"
+#include "core/scan_layout.hpp"
 #include "core/zstd_frames.hpp"
 
 #include <cstddef>
@@ -24,13 +29,12 @@
 
 namespace velmora::core {
 
-enum class ScanMode : uint8_t { lines, count, files };
-
 struct ScanQuery {
     std::string needle;  // UTF-8; ASCII when case is ignored
     bool case_sensitive;
     ScanMode mode;
     uint64_t max_count;  // matching lines taken per file at most
+    ScanLayout layout;
 };
 
 // One chunk: its compressed body, the numbers of its first and last lines, and the index of

@@ -56,8 +56,37 @@ bool read_mode(PyObject* mode, core::ScanMode& out) {
     return true;
 }
 
+// The fields of an output.line_format.Shape that a plain needle's output has; None for the
+// default, path:line:column:text.
+bool read_layout(PyObject* shape, PyObject* color, core::ScanLayout& layout) {
+    const int colored = PyObject_IsTrue(color);
+    if (colored < 0) return false;
+    layout.color = colored;
+    if (shape == Py_None) return true;
+    const struct {
+        const char* name;
+        bool core::ScanLayout::*field;
+    } fields[] = {{"filename", &core::ScanLayout::filename},     {"heading", &core::ScanLayout::heading},
+                  {"line_number", &core::ScanLayout::line_number}, {"column", &core::ScanLayout::column},
+                  {"null", &core::ScanLayout::null},             {"only_matching", &core::ScanLayout::only_matching},
+                  {"vimgrep", &core::ScanLayout::vimgrep}};
+    for (const auto& [name, field] : fields) {
+        Owned value(PyObject_GetAttrString(shape, name));
+        const int set = value ? PyObject_IsTrue(value.get()) : -1;
+        if (set < 0) return false;
+        layout.*field = set;
+    }
+    Owned replace(PyObject_GetAttrString(shape, "replace"));
+    if (!replace) return false;
+    if (replace.get() != Py_None) {
+        PyErr_SetString(PyExc_ValueError, "the scan prints no replacement");
+        return false;
+    }
+    return true;
+}
+
 bool read_query(PyObject* needle, PyObject* case_sensitive, PyObject* mode, PyObject* max_count,
-                core::ScanQuery& query) {
+                PyObject* shape, PyObject* color, core::ScanQuery& query) {
     Py_ssize_t size = 0;
     const char* bytes = PyUnicode_Check(needle) ? PyUnicode_AsUTF8AndSize(needle, &size) : nullptr;
     if (bytes == nullptr) {
@@ -78,7 +107,7 @@ bool read_query(PyObject* needle, PyObject* case_sensitive, PyObject* mode, PyOb
         if (!read_int64(max_count, limit)) return false;
         query.max_count = limit < 0 ? 0 : static_cast<uint64_t>(limit);
     }
-    return read_mode(mode, query.mode);
+    return read_mode(mode, query.mode) && read_layout(shape, color, query.layout);
 }
 
 // The group's files, and its chunks with the index of each one's file. Rows come in the
@@ -153,12 +182,13 @@ PyObject* blocks_list(const core::ScanResult& result, const std::vector<size_t>&
 
 PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
     static const char* names[] = {"dictionary", "rows", "files", "stride", "needle",
-                                  "case_sensitive", "mode", "max_count", nullptr};
+                                  "case_sensitive", "mode", "max_count", "shape", "color", nullptr};
     PyObject *dictionary_object, *rows, *files, *needle, *case_sensitive, *mode, *max_count;
+    PyObject *shape = Py_None, *color = Py_False;
     long long stride;
-    if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OOOLOOOO:scan_chunks", const_cast<char**>(names),
+    if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OOOLOOOO|OO:scan_chunks", const_cast<char**>(names),
                                      &dictionary_object, &rows, &files, &stride, &needle,
-                                     &case_sensitive, &mode, &max_count)) {
+                                     &case_sensitive, &mode, &max_count, &shape, &color)) {
         return nullptr;
     }
     NativeState* state = native_state(module);
@@ -175,7 +205,7 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
     HeldBodies held;
     core::ScanResult result;
     try {
-        if (!read_query(needle, case_sensitive, mode, max_count, query) ||
+        if (!read_query(needle, case_sensitive, mode, max_count, shape, color, query) ||
             !read_group(state, rows, files, stride, chunks, scan_files, positions, held) ||
             !without_gil([&] {
                 result = core::scan_chunks(query, dictionary, chunks.data(), chunks.size(), scan_files.data());
@@ -200,12 +230,15 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
 
 PyMethodDef scan_chunks_def = keywords_method(
     "scan_chunks", scan_chunks,
-    "scan_chunks(dictionary, rows, files, stride, needle, case_sensitive, mode, max_count)\n--\n\n"
+    "scan_chunks(dictionary, rows, files, stride, needle, case_sensitive, mode, max_count, shape=None,\n"
+    "            color=False)\n--\n\n"
     "One group of chunks searched for a plain needle and printed, without the GIL.\n"
     "\n"
     "    rows: (row id, first line, last line, compressed body, ...) of each chunk, file by file.\n"
     "    files: (file id, path, shown path as bytes) of the group's files, in the rows' order.\n"
     "    mode: \"lines\", \"count\" or \"files\"; max_count: matching lines per file, or None.\n"
+    "    shape: the output.line_format.Shape to print (without replace), or None for\n"
+    "    path:line:column:text; color: rg's colours. Files' outputs are not separated.\n"
     "    Returns ([(index in files, output)] for each file with output, problem): problem is\n"
     "    None, or why a chunk's numbers disagree with its text (the output stops before its\n"
     "    file). A damaged body raises DamagedChunk.");

@@ -24,6 +24,7 @@ from velmora import arguments
 from velmora.query import file_types
 from velmora.storage import chunk_counts, schema, symbol_store
 from velmora.index import freshness
+from velmora.output.line_format import FULL, Shape
 from velmora.storage.database import Database
 from velmora.query.language import Parsed
 from velmora.query.pattern import Query, QueryError
@@ -231,19 +232,25 @@ class Repository:
         types: Sequence[str] = (),
         refresh: bool = True,
         reach: Reach | None = None,
+        shape: Shape = FULL,
+        color: bool = False,
     ) -> tuple[Iterator[bytes], str | None]:
         """A plain search (``search.native_scan.handles``) printed as the CLI prints it without
-        context or colour, encoded with the UTF-8 ``encoding``, a group of files at a time:
-        each matching file's lines (mode "lines"), their count ("count") or its path
-        ("files"), as ``shown`` shows it. Scanned from the stored chunks on every core."""
+        context, encoded with the UTF-8 ``encoding``, a group of files at a time: each
+        matching file's lines (mode "lines"), their count ("count") or its path ("files"),
+        as ``shown`` shows it, laid out by ``shape`` (without ``replace``), in rg's colours
+        with ``color``; the pieces go apart by ``native_scan.separator``. Scanned from the
+        stored chunks on every core."""
         from velmora.search import native_scan
 
         if max_count is not None:
             max_count = arguments.count("max_count", max_count)
+        if not isinstance(shape, Shape) or shape.replace is not None:
+            raise TypeError("shape must be a Shape without replace")
         return self._searched(
             lambda files, from_disk: native_scan.printed(
                 self._db, query, files, root=self.root, mode=mode, shown=shown, encoding=encoding,
-                max_count=max_count, from_disk=from_disk,
+                max_count=max_count, from_disk=from_disk, shape=shape, color=arguments.flag("color", color),
             ),
             query, globs, paths, types, refresh, reach,
         )

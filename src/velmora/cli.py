@@ -13,16 +13,19 @@ from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager, redirect_stdout
 from functools import cache, partial
 from pathlib import Path
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from velmora.storage import schema
 from velmora.api import Repository, RepositoryError, find_root
 from velmora.storage.database import is_busy
 from velmora.query.pattern import Query, QueryError
-from velmora.output.line_format import FULL, Shape
+from velmora.output.line_format import Shape
 from velmora.search.direct import DirectTree
 from velmora import search_flags as flags
 from velmora.utils.fsio import escaped_name, read_bytes_no_follow
+
+if TYPE_CHECKING:
+    from velmora.output.printer import Printer
 
 
 class UsageError(Exception):
@@ -434,7 +437,7 @@ def _searched(args: argparse.Namespace) -> int:
         shape=shape,
     )
     searched: list[tuple[str, int]] = []
-    native = streamed and _native(query, args, shape, context or color)
+    native = streamed and _native(query, args, shape, context)
     for scope in scopes:
         with _opened(scope, args.served, direct=not reach.ignore_files) as (repo, fresh):
             root, under = scope.root, [prefix for _, prefix in scope.limits]
@@ -448,7 +451,7 @@ def _searched(args: argparse.Namespace) -> int:
                 continue
             refresh = args.refresh and not fresh
             if native and isinstance(repo, Repository) and repo.stores_frames:
-                printer.found |= _print_native(repo, query, args, printer.shown, refresh=refresh, **limits)
+                printer.found |= _print_native(repo, query, args, printer, refresh=refresh, **limits)
                 continue
             if plain:
                 runs, reason = repo.matching_lines(query, refresh=refresh, **limits)
@@ -474,35 +477,35 @@ def _searched(args: argparse.Namespace) -> int:
     return 0 if printer.found else 1
 
 
-def _native(query: Query, args: argparse.Namespace, shape: Shape, decorated: bool) -> bool:
+def _native(query: Query, args: argparse.Namespace, shape: Shape, context: bool) -> bool:
     """Whether the search prints from the native scan: a plain needle, output without
-    context, colour or statistics, on a UTF-8 stream (the scan's output is the text's own
-    bytes), in a layout the scan prints: each file's name, or its name and count."""
+    context, statistics or replacements, on a UTF-8 stream (the scan's output is the
+    text's own bytes), as lines, counts or file names."""
     from velmora.search import native_scan
 
     encoding = codecs.lookup(sys.stdout.encoding or "ascii").name
-    # The scan prints path:line:column:text, path:count or path.
-    laid_out = shape == FULL if args.mode == "lines" else (args.mode == "files" or shape.filename) and not (
-        shape.null or args.only_matching
-    )
     return (
-        native_scan.handles(query) and not (decorated or args.stats or args.invert_match or args.files)
-        and args.mode in ("lines", "count", "files") and laid_out and encoding == "utf-8"
+        native_scan.handles(query) and not (context or args.stats or args.invert_match or args.files)
+        and args.mode in ("lines", "count", "files") and shape.replace is None and encoding == "utf-8"
     )
 
 
-def _print_native(repo: Repository, query: Query, args, shown, **limited) -> bool:
-    """Print the search from the native scan; whether anything matched."""
+def _print_native(repo: Repository, query: Query, args, printer: Printer, **limited) -> bool:
+    """Print the search from the native scan after what ``printer`` printed; whether
+    anything matched."""
+    from velmora.search import native_scan
+
     blocks, reason = repo.printed(
-        query, mode=args.mode, shown=shown, encoding=sys.stdout.encoding,
-        max_count=args.max_count, **limited,
+        query, mode=args.mode, shown=printer.shown, encoding=sys.stdout.encoding,
+        max_count=args.max_count, shape=printer.shape, color=printer.color, **limited,
     )
     if reason:
         print(f"velmora: {reason}", file=sys.stderr)
     sys.stdout.flush()
     out, found = sys.stdout.buffer, False
+    between = native_scan.separator(args.mode, printer.shape)
     for block in blocks:
-        out.write(block)
+        out.write(between + block if found or printer.found else block)
         found = True
     out.flush()
     return found

@@ -3,6 +3,8 @@ and the freshness check's lstat of every indexed file."""
 
 from typing import Any, final
 
+from velmora.output.line_format import Shape
+
 class DamagedChunk(ValueError): ...
 
 @final
@@ -20,5 +22,7 @@ def scan_chunks(
     case_sensitive: bool,
     mode: str,
     max_count: int | None,
+    shape: Shape | None = None,
+    color: bool = False,
 ) -> tuple[list[tuple[int, bytes]], str | None]: ...
 def stat_changes(prefix: str, rows: list[tuple[Any, ...]], racy_from: int) -> bytes: ...

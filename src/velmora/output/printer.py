@@ -35,15 +35,23 @@ class Stats:
         )
 
 
-def plain_block(mode: str, shown_path: str, hits: list[Hit], query: Query) -> str:
-    """One file's output in a mode without context, colour or statistics, laid out as
-    ``path:line:column:text``: its matching lines ("lines"), their count ("count") or its
-    path ("files")."""
+def plain_block(
+    mode: str, shown_path: str, hits: list[Hit], query: Query, shape: Shape = FULL, color: bool = False,
+) -> str:
+    """One file's output in a mode without context or statistics, laid out by ``shape``: its
+    matching lines ("lines"), their count ("count", of matches under ``only_matching``) or
+    its name ("files")."""
+    if mode == "lines":
+        return text_lines(shown_path, hits, query, context=False, color=color, shape=shape)
+    name = shape.file_name(shown_path, color)
     if mode == "files":
-        return f"{shown_path}\n"
-    if mode == "count":
-        return f"{shown_path}:{len(hits)}\n"
-    return text_lines(shown_path, hits, query, context=False, color=False)
+        return shape.named(name, "")
+    return shape.named(name, str(match_count(query, hits) if shape.only_matching else len(hits)))
+
+
+def match_count(query: Query, hits: list[Hit]) -> int:
+    """The matches on the matching lines of ``hits`` (a line of ``-v`` has none)."""
+    return sum(len(match_spans(query, _matched_text(hit))) for hit in hits if hit.column >= 0)
 
 
 def json_records(
@@ -174,18 +182,15 @@ class Printer:
                 totals.searching += searched
                 block = json_records(shown(path), hits, self.query, self.read(path), totals, searched)
             else:
-                if mode == "files":
-                    block = shape.named(shape.file_name(shown(path), self.color), "")
-                elif mode == "count":
-                    counted = self._matches(hits) if shape.only_matching else len(hits)
-                    block = shape.named(shape.file_name(shown(path), self.color), str(counted))
-                else:
+                if mode == "lines":
                     block = text_lines(
                         shown(path), hits, self.query, context=self.context, color=self.color,
                         shape=shape,
                     )
                     if self.found:
                         block = shape.between_files(self.context) + block
+                else:
+                    block = plain_block(mode, shown(path), hits, self.query, shape, self.color)
                 if totals is not None:
                     self._count(hits, block, searched)
             write(block)
@@ -219,16 +224,13 @@ class Printer:
         self.found = found
         return found
 
-    def _matches(self, hits: list[Hit]) -> int:
-        return sum(len(match_spans(self.query, _matched_text(hit))) for hit in hits if hit.column >= 0)
-
     def _count(self, hits: list[Hit], block: str, searched: float) -> None:
         totals = self.totals
         assert totals is not None
         totals.searching += searched
         totals.files_with_matches += 1
         totals.matched_lines += len(hits)
-        totals.matches += self._matches(hits)
+        totals.matches += match_count(self.query, hits)
         totals.bytes_printed += _size(block)
 
     def finish(self, files_searched: int, bytes_searched: int) -> None:
