@@ -126,6 +126,14 @@ def _refuse_link(path: Path, is_kind) -> None:
 def _tighten(path: Path, mode: int) -> None:
     # An index made by an older velmora was readable by all.  The mode is set through a
     # descriptor opened without following a link, so a link put in its place is refused.
+    # One already private is left unopened: closing a descriptor of a database file drops
+    # every SQLite lock this process holds on it, and another process may then reset the
+    # WAL index under a connection of this one.
+    try:
+        if stat.S_IMODE(os.lstat(path).st_mode) == mode:
+            return
+    except OSError:
+        pass  # the open below says what is wrong
     try:
         fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
     except OSError as error:
