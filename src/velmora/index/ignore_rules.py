@@ -28,6 +28,8 @@ class IgnoreRules:
     def ignored(self, rel: str, is_dir: bool) -> bool:
         """Whether the rules exclude ``rel`` itself: the deepest directory with a rule for
         it decides, as in git."""
+        if not self._matchers:
+            return False  # most trees: a search asks this of every file
         parts = rel.split("/")
         for depth in range(len(parts) - 1, -1, -1):
             matcher = self._matchers.get("/".join(parts[:depth]))

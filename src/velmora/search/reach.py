@@ -165,7 +165,8 @@ def ordered(root: Path, rows: list[FileRow], sort: str) -> list[FileRow]:
     if sort == "none":
         return rows
     if sort in ("path", "relevance"):
-        return sorted(rows, key=lambda row: row.path.split("/"))
+        # Name by name: a NUL, which no path holds, sorts a separator before any character.
+        return sorted(rows, key=lambda row: row.path.replace("/", "\0"))
     field = {"modified": "st_mtime_ns", "accessed": "st_atime_ns", "created": "st_birthtime_ns"}[sort]
     times: dict[str, int] = {}
 

@@ -7,21 +7,23 @@ import json
 from collections.abc import Callable, Collection, Iterable, Iterator
 from typing import TYPE_CHECKING, NamedTuple
 
-from velmora.utils.fsio import is_plain_relative
 
 if TYPE_CHECKING:
     from velmora.storage.database import Database
 
 # The index's paths that fsio.is_plain_relative refuses, found by SQLite: a check in Python
 # would cost a call per indexed file.
-UNSAFE_PATH_SQL = (
-    "SELECT path FROM files WHERE typeof(path) != 'text' OR path = '' OR path GLOB '/*' "
+_UNSAFE_PATH = (
+    "(typeof(path) != 'text' OR path = '' OR path GLOB '/*' "
     "OR instr(path, char(0)) "
     "OR '/' || path || '/' GLOB '*/[.]/*' OR '/' || path || '/' GLOB '*/[.][.]/*' "
-    "OR '/' || path || '/' GLOB '*//*' LIMIT 1"
+    "OR '/' || path || '/' GLOB '*//*')"
 )
+UNSAFE_PATH_SQL = f"SELECT path FROM files WHERE {_UNSAFE_PATH} LIMIT 1"
 
 _COLUMNS = "SELECT id, path, language, NULL FROM files"
+# The rows whose ids a statement's one parameter lists, as JSON.
+_CHOSEN = "id IN (SELECT value FROM json_each(?))"
 
 
 class FileRow(NamedTuple):
@@ -115,17 +117,12 @@ class Indexed(Files):
         return self._applied(select_files(self._db), self._added)
 
     def among(self, ids: Collection[int]) -> list[FileRow]:
+        chosen = (json.dumps(list(ids)),)
+        unsafe = self._db.fetchall(f"SELECT path FROM files WHERE {_CHOSEN} AND {_UNSAFE_PATH} LIMIT 1", chosen)
+        if unsafe:
+            raise UnsafePath(unsafe[0][0])
         make = FileRow._make
-        rows = [
-            make(row)
-            for row in self._db.rows(
-                f"{_COLUMNS} WHERE id IN (SELECT value FROM json_each(?)) ORDER BY path",
-                (json.dumps(list(ids)),),
-            )
-        ]
-        for row in rows:
-            if not is_plain_relative(row.path):
-                raise UnsafePath(row.path)
+        rows = [make(row) for row in self._db.rows(f"{_COLUMNS} WHERE {_CHOSEN} ORDER BY path", chosen)]
         return self._applied(rows, [row for row in self._added if row.id in ids])
 
     def _applied(self, rows: list[FileRow], added: list[FileRow]) -> list[FileRow]:
