@@ -117,7 +117,18 @@ def repeated_cases(bench: workbench.Workbench) -> dict[str, Callable[[], Any]]:
         rows = [(stride, first, last, body, 0)]
         return lambda: outcome(lambda: host.scan_chunks(dictionary, rows, listed, stride, needle, True, mode, None))
 
+    reader = host.ChunkReader(bench.index["compressed"].db_path, "chunk_text", 1)
+
+    def read_and_scan(table: str = "chunk_text") -> Callable[[], Any]:
+        return lambda: outcome(lambda: host.scan_chunks(
+            dictionary, host.ChunkReader(bench.index["compressed"].db_path, table, 1).read([1, 2, 3], True, stride),
+            listed, stride, "key", True, "lines", None))
+
     return {
+        "ChunkReader.read": lambda: len(reader.read([stride, stride + 1, 3 * stride], False, stride)),
+        "ChunkReader scanned": read_and_scan(),
+        "ChunkReader no table": read_and_scan("no_table"),
+        "ChunkReader.matching_ids": lambda: [outcome(lambda: reader.matching_ids("chunk_trigrams", match)) for match in ("key", '"')],
         "scan_chunks": scan(1, 2, frame),
         "scan_chunks count": scan(1, 2, frame, "x", "count"),
         "scan_chunks numbering": scan(1, 5, frame),

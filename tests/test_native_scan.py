@@ -27,7 +27,7 @@ from velmora.output.line_format import Shape
 from velmora.query.pattern import Query
 from velmora.search import native_scan
 from velmora.search.engine import Hit
-from velmora.storage import chunk_store, line_picks, schema
+from velmora.storage import chunk_reader, chunk_store, line_picks, schema
 
 STRIDE = chunk_store.CHUNK_STRIDE
 NO_DICTIONARY = native.FrameDictionary(b"")
@@ -74,6 +74,14 @@ def expected(files: list[list[str]], query: Query, mode: str, max_count: int | N
     return out
 
 
+def by_file(scanned: tuple[bytes, list[tuple[int, int]], str | None]) -> tuple[list[tuple[int, bytes]], str | None]:
+    """A scan's answer as [(position, output)] for each file, and its problem."""
+    output, ends, problem = scanned
+    begins = [0] + [end for _, end in ends]
+    assert begins[-1] == len(output)
+    return [(position, output[begin:end]) for begin, (position, end) in zip(begins, ends)], problem
+
+
 @given(files=FILES, choice=st.data(), case_sensitive=st.booleans(), mode=st.sampled_from(MODES),
        max_count=st.one_of(st.none(), st.integers(0, 3)), shape=SHAPES, color=st.booleans())
 def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode, max_count, shape, color):
@@ -84,9 +92,15 @@ def test_scan_prints_what_the_printer_prints(files, choice, case_sensitive, mode
     assume(needle.isascii() or case_sensitive and not any("\ud800" <= c <= "\udfff" for c in needle))
     query = Query(needle, None, case_sensitive)
     rows, listed = group(files)
+    want = expected(files, query, mode, max_count, shape, color)
+    # A file left out of the list (one read from disk) is skipped, and the others renumbered.
+    gone = choice.draw(st.sampled_from(range(len(listed)))) if listed and choice.draw(st.booleans()) else None
+    if gone is not None:
+        del listed[gone]
+        want = [(position - (position > gone), block) for position, block in want if position != gone]
     got = native.scan_chunks(NO_DICTIONARY, rows, listed, STRIDE, needle, case_sensitive, mode, max_count,
                              shape, color)
-    assert got == (expected(files, query, mode, max_count, shape, color), None)
+    assert by_file(got) == (want, None)
 
 
 @given(texts=st.lists(st.text(alphabet="ab\n\u00e9", max_size=4), max_size=8), needle=st.text(alphabet="ab\n", max_size=2))
@@ -125,7 +139,7 @@ def test_damage_is_named_as_the_host_names_it(chunks, needle, case_sensitive, an
         with pytest.raises(answer):
             scan()
     else:
-        assert scan() == ([(0, b"ok\n")] + answer[0], answer[1])
+        assert by_file(scan()) == ([(0, b"ok\n")] + answer[0], answer[1])
 
 
 @pytest.fixture(scope="module")
@@ -167,3 +181,55 @@ def test_printed_search_is_the_python_paths(tree, needle, case_sensitive, mode, 
         printer.Printer(query, want, mode=mode, color=color, shape=shape).print_all(results)
     assert "an index pass is running" in reason
     assert got.decode() == want.getvalue()
+
+
+def printed_both_ways(repo: Repository, query: Query, monkeypatch) -> list[tuple]:
+    """What a search prints read by the native reader, then by the handle's own connection:
+    the output, and the error that ended it."""
+    answers = []
+    for native_reads in (True, False):
+        with monkeypatch.context() as patch:
+            if not native_reads:
+                patch.setattr(chunk_reader, "of", lambda db: None)
+            out = []
+            try:
+                blocks, _ = repo.printed(query, refresh=False)
+                out.extend(blocks)
+            except Exception as error:  # noqa: BLE001 - both ways must fail alike
+                out.append((type(error), str(error)))
+            answers.append(out)
+    return answers
+
+
+# What a tampered index holds; each is read by both ways of the same handle, among the
+# chunks the trigrams select ("self") and reading every chunk ("e").
+MESSAGE_PY = f"(SELECT id * {STRIDE} + 5 FROM files WHERE path = 'email/message.py')"  # a chunk of a class
+TAMPERED = [
+    f"DELETE FROM chunk_text WHERE id = {MESSAGE_PY}",
+    f"UPDATE chunk_text SET body = x'00ff' WHERE id = {MESSAGE_PY}",
+    f"UPDATE chunk_text SET body = 'text' WHERE id = {MESSAGE_PY}",
+    f"UPDATE chunk_text SET end_line = 2.5 WHERE id = {MESSAGE_PY}",
+    "UPDATE chunk_text SET start_line = start_line + 1",
+]
+
+
+@pytest.mark.parametrize("statement", TAMPERED)
+@pytest.mark.parametrize("needle", ["self", "e"])
+def test_the_native_reader_answers_as_the_connection_does(tree, tmp_path, monkeypatch, statement, needle):
+    root = tmp_path / "copy"
+    shutil.copytree(tree, root)
+    with closing(sqlite3.connect(schema.index_path(root))) as db, db:
+        db.execute(statement)
+    with Repository.open(root) as repo:
+        native_read, python_read = printed_both_ways(repo, Query(needle, None, True), monkeypatch)
+    assert native_read == python_read and isinstance(native_read[-1], tuple)
+
+
+def test_an_index_rebuilt_under_an_open_handle_is_not_read_through_it(tree, tmp_path, monkeypatch):
+    root = tmp_path / "copy"
+    shutil.copytree(tree, root)
+    with Repository.open(root) as repo:
+        (root / "email" / "added.py").write_text("self.added = 1\n")
+        indexer.index(root, rebuild=True, progress=False)
+        native_read, python_read = printed_both_ways(repo, Query("self", None, True), monkeypatch)
+    assert native_read == python_read and b"added.py" not in b"".join(native_read)

@@ -27,7 +27,7 @@ PyObject* decode_frames(PyObject* module, PyObject* args, PyObject* kwargs) {
     for (Py_ssize_t i = 0; i < count; ++i) {
         PyObject* body = PyTuple_GET_ITEM(held.get(), i);
         if (!PyBytes_Check(body)) {
-            PyErr_Format(state->damaged_error, "a chunk body is %T, not bytes", body);
+            PyErr_Format(state->damaged_error, "a chunk body is %s, not bytes", Py_TYPE(body)->tp_name);
             return nullptr;
         }
     }

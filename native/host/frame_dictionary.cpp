@@ -64,7 +64,7 @@ PyObject* make_dictionary_type(PyObject* module) {
 
 const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object) {
     if (!PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject*>(state->dictionary_type))) {
-        PyErr_Format(PyExc_TypeError, "dictionary must be a FrameDictionary, not %T", object);
+        PyErr_Format(PyExc_TypeError, "dictionary must be a FrameDictionary, not %s", Py_TYPE(object)->tp_name);
         return nullptr;
     }
     return reinterpret_cast<DictionaryObject*>(object)->dictionary;

@@ -1,5 +1,5 @@
 // velmora.native: the host's own native code, beside the text module: the search of
-// stored chunks from compressed bodies to printed output, without the GIL, and the freshness
+// stored chunks from the index file to printed output, without the GIL, and the freshness
 // check's lstat of every indexed file.
 #include "host/state.hpp"
 
@@ -20,9 +20,16 @@ int exec_module(PyObject* module) {
         PyModule_AddObjectRef(module, "DamagedChunk", state->damaged_error) < 0) {
         return -1;
     }
+    state->reader_type = make_reader_type(module);
+    state->rows_type = make_rows_type(module);
+    if (state->reader_type == nullptr || state->rows_type == nullptr ||
+        PyModule_AddObjectRef(module, "ChunkReader", state->reader_type) < 0 ||
+        PyModule_AddObjectRef(module, "ChunkRows", state->rows_type) < 0) {
+        return -1;
+    }
     Owned name(PyModule_GetNameObject(module));
     if (!name) return -1;
-    for (PyMethodDef* def : {&scan_chunks_def, &decode_frames_def, &stat_changes_def}) {
+    for (PyMethodDef* def : {&scan_chunks_def, &decode_frames_def, &stat_changes_def, &shares_sqlite_def}) {
         Owned function(PyCMethod_New(def, module, name.get(), nullptr));
         if (!function || PyModule_AddObjectRef(module, def->ml_name, function.get()) < 0) return -1;
     }
@@ -33,6 +40,8 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) {
     NativeState* state = native_state(module);
     Py_VISIT(state->dictionary_type);
     Py_VISIT(state->damaged_error);
+    Py_VISIT(state->reader_type);
+    Py_VISIT(state->rows_type);
     return 0;
 }
 
@@ -40,6 +49,8 @@ int clear_module(PyObject* module) {
     NativeState* state = native_state(module);
     Py_CLEAR(state->dictionary_type);
     Py_CLEAR(state->damaged_error);
+    Py_CLEAR(state->reader_type);
+    Py_CLEAR(state->rows_type);
     return 0;
 }
 
@@ -53,8 +64,8 @@ PyModuleDef_Slot module_slots[] = {
 PyModuleDef native_module = {
     PyModuleDef_HEAD_INIT,
     "native",
-    "The host's native code: chunks scanned from their compressed bodies to printed output,\n"
-    "and the freshness check's lstat of every indexed file.",
+    "The host's native code: chunks read from the index and scanned to printed output, and\n"
+    "the freshness check's lstat of every indexed file.",
     sizeof(NativeState),
     nullptr,
     module_slots,

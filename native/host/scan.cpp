@@ -2,13 +2,17 @@
 // released, so that two threads scan two groups at once.
 //
 // What the scan reads without the GIL is held for it: each body is a bytes object the call
-// keeps a reference to (bytes never change), and the paths are copied.
+// keeps a reference to (bytes never change), or lies in a ChunkRows, which never changes
+// and which the call's arguments hold; the paths are copied.
 #include "core/chunk_scan.hpp"
 #include "host/state.hpp"
+
+#include <sqlite3.h>
 
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace velmora::host {
@@ -90,7 +94,7 @@ bool read_query(PyObject* needle, PyObject* case_sensitive, PyObject* mode, PyOb
     Py_ssize_t size = 0;
     const char* bytes = PyUnicode_Check(needle) ? PyUnicode_AsUTF8AndSize(needle, &size) : nullptr;
     if (bytes == nullptr) {
-        if (!PyErr_Occurred()) PyErr_Format(PyExc_TypeError, "needle must be str, not %T", needle);
+        if (!PyErr_Occurred()) PyErr_Format(PyExc_TypeError, "needle must be str, not %s", Py_TYPE(needle)->tp_name);
         return false;
     }
     query.needle.assign(bytes, static_cast<size_t>(size));
@@ -110,70 +114,160 @@ bool read_query(PyObject* needle, PyObject* case_sensitive, PyObject* mode, PyOb
     return read_mode(mode, query.mode) && read_layout(shape, color, query.layout);
 }
 
-// The group's files, and its chunks with the index of each one's file. Rows come in the
-// files' order (a file's id is its rows' id // stride); files without rows are skipped.
-bool read_group(NativeState* state, PyObject* rows, PyObject* files, int64_t stride,
-                std::vector<core::ScanChunk>& chunks, std::vector<core::ScanFile>& scan_files,
-                std::vector<size_t>& positions, HeldBodies& held) {
-    if (!PyList_Check(rows) || !PyList_Check(files)) {
-        PyErr_SetString(PyExc_TypeError, "rows and files must be lists");
+// The group's files by id, each made a scan file when its first row comes. Rows come in
+// the files' order (a file's id is its rows' id // stride); rows of a file not listed
+// (one read from disk instead) are skipped.
+class GroupFiles {
+  public:
+    static constexpr size_t skipped = SIZE_MAX;
+
+    bool load(PyObject* files) {
+        if (!PyList_Check(files)) {
+            PyErr_SetString(PyExc_TypeError, "files must be a list");
+            return false;
+        }
+        held_ = Owned(PyList_AsTuple(files));
+        if (!held_) return false;
+        for (Py_ssize_t position = 0; position < PyTuple_GET_SIZE(held_.get()); ++position) {
+            PyObject *number, *path, *shown;
+            int64_t id = 0;
+            if (!PyArg_ParseTuple(PyTuple_GET_ITEM(held_.get(), position), "OUS", &number, &path, &shown) ||
+                !read_int64(number, id)) {
+                return false;
+            }
+            listed_.emplace(id, Listed{static_cast<size_t>(position), path, shown});
+        }
+        return true;
+    }
+
+    // The index in scan_files of the file of the row `row_id`, or skipped; false, with an
+    // error set, when the rows go back to an earlier file.
+    bool file_of(int64_t row_id, int64_t stride, size_t& index) {
+        const int64_t file_id = row_id / stride;
+        if (started_ && file_id == file_id_) {
+            index = index_;
+            return true;
+        }
+        started_ = true;
+        file_id_ = file_id;
+        index_ = skipped;
+        const auto found = listed_.find(file_id);
+        if (found != listed_.end()) {
+            const Listed& file = found->second;
+            if (!positions.empty() && file.position <= positions.back()) {
+                PyErr_SetString(PyExc_ValueError, "the rows do not follow the files' order");
+                return false;
+            }
+            Py_ssize_t path_size = 0;
+            const char* path_bytes = PyUnicode_AsUTF8AndSize(file.path, &path_size);
+            if (path_bytes == nullptr) return false;
+            scan_files.push_back(core::ScanFile{
+                std::string(path_bytes, static_cast<size_t>(path_size)),
+                std::string(PyBytes_AS_STRING(file.shown), static_cast<size_t>(PyBytes_GET_SIZE(file.shown)))});
+            positions.push_back(file.position);
+            index_ = scan_files.size() - 1;
+        }
+        index = index_;
+        return true;
+    }
+
+    std::vector<core::ScanFile> scan_files;
+    std::vector<size_t> positions;  // each scan file's position in the files given
+
+  private:
+    // Borrowed from held_, a copy of the files list that Python code run meanwhile (an
+    // __index__) cannot change.
+    struct Listed {
+        size_t position;
+        PyObject* path;
+        PyObject* shown;
+    };
+    Owned held_;
+    std::unordered_map<int64_t, Listed> listed_;
+    bool started_ = false;
+    int64_t file_id_ = 0;
+    size_t index_ = skipped;
+};
+
+// The chunks of rows given as a list of tuples, each body held for the scan.
+bool listed_chunks(NativeState* state, PyObject* rows, int64_t stride, GroupFiles& files,
+                   std::vector<core::ScanChunk>& chunks, HeldBodies& held) {
+    if (!PyList_Check(rows)) {
+        PyErr_SetString(PyExc_TypeError, "rows must be a list or ChunkRows");
         return false;
     }
-    Py_ssize_t position = -1;
-    int64_t file_id = -1;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows); ++i) {
-        PyObject* row = PyList_GET_ITEM(rows, i);
+    // A copy that Python code run meanwhile (an __index__) cannot change.
+    Owned listed(PyList_AsTuple(rows));
+    if (!listed) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(listed.get()); ++i) {
+        PyObject* row = PyTuple_GET_ITEM(listed.get(), i);
         PyObject* rowid = row_item(row, 0);
         int64_t id = 0;
         core::ScanChunk chunk{};
-        if (rowid == nullptr || !read_int64(rowid, id) || !read_int64(row_item(row, 1), chunk.first) ||
-            !read_int64(row_item(row, 2), chunk.end)) {
-            return false;
-        }
+        if (rowid == nullptr || !read_int64(rowid, id) || !files.file_of(id, stride, chunk.file)) return false;
+        if (chunk.file == GroupFiles::skipped) continue;
+        if (!read_int64(row_item(row, 1), chunk.first) || !read_int64(row_item(row, 2), chunk.end)) return false;
         PyObject* body = row_item(row, 3);
         if (body == nullptr) return false;
         if (!PyBytes_Check(body)) {
-            PyErr_Format(state->damaged_error, "a chunk body is %T, not bytes", body);
+            PyErr_Format(state->damaged_error, "a chunk body is %s, not bytes", Py_TYPE(body)->tp_name);
             return false;
         }
         held.hold(body);
         chunk.body = reinterpret_cast<const uint8_t*>(PyBytes_AS_STRING(body));
         chunk.size = static_cast<size_t>(PyBytes_GET_SIZE(body));
-        const int64_t row_file = id / stride;
-        while (row_file != file_id) {
-            if (++position >= PyList_GET_SIZE(files)) {
-                PyErr_SetString(PyExc_ValueError, "the rows do not follow the files' order");
-                return false;
-            }
-            PyObject* file = PyList_GET_ITEM(files, position);
-            PyObject *path, *shown, *number;
-            if (!PyArg_ParseTuple(file, "OUS", &number, &path, &shown) || !read_int64(number, file_id)) {
-                return false;
-            }
-            if (file_id != row_file) continue;
-            Py_ssize_t path_size = 0;
-            const char* path_bytes = PyUnicode_AsUTF8AndSize(path, &path_size);
-            if (path_bytes == nullptr) return false;
-            scan_files.push_back(core::ScanFile{
-                std::string(path_bytes, static_cast<size_t>(path_size)),
-                std::string(PyBytes_AS_STRING(shown), static_cast<size_t>(PyBytes_GET_SIZE(shown)))});
-            positions.push_back(static_cast<size_t>(position));
-        }
-        chunk.file = scan_files.size() - 1;
         chunks.push_back(chunk);
     }
     return true;
 }
 
-// [(position in files, output bytes)] for each file with output.
-PyObject* blocks_list(const core::ScanResult& result, const std::vector<size_t>& positions) {
+// What Python makes of a value of SQLite's type.
+const char* python_type_name(int sqlite_type) {
+    switch (sqlite_type) {
+        case SQLITE_INTEGER: return "int";
+        case SQLITE_FLOAT: return "float";
+        case SQLITE_TEXT: return "str";
+        case SQLITE_BLOB: return "bytes";
+        default: return "NoneType";
+    }
+}
+
+// The chunks of rows a ChunkReader read, named as the same values read by Python would be.
+bool read_chunks(NativeState* state, const core::ChunkRows& read, int64_t stride, GroupFiles& files,
+                 std::vector<core::ScanChunk>& chunks) {
+    for (const core::ChunkRow& row : read.rows) {
+        core::ScanChunk chunk{};
+        if (!files.file_of(row.id, stride, chunk.file)) return false;
+        if (chunk.file == GroupFiles::skipped) continue;
+        for (const int type : {row.first_type, row.end_type}) {
+            if (type != SQLITE_INTEGER) {
+                PyErr_Format(PyExc_TypeError, "'%s' object cannot be interpreted as an integer",
+                             python_type_name(type));
+                return false;
+            }
+        }
+        if (row.body_type != SQLITE_BLOB) {
+            PyErr_Format(state->damaged_error, "a chunk body is %s, not bytes", python_type_name(row.body_type));
+            return false;
+        }
+        chunk.first = row.first;
+        chunk.end = row.end;
+        chunk.body = reinterpret_cast<const uint8_t*>(read.bodies.data() + row.begin);
+        chunk.size = row.size;
+        chunks.push_back(chunk);
+    }
+    return true;
+}
+
+// [(position in files, end in the output)] for each file with output, in order: each file's
+// output runs from the end of the one before.
+PyObject* file_ends(const core::ScanResult& result, const std::vector<size_t>& positions) {
     Owned list(PyList_New(static_cast<Py_ssize_t>(result.blocks.size())));
     if (!list) return nullptr;
     for (size_t i = 0; i < result.blocks.size(); ++i) {
         const core::FileBlock& block = result.blocks[i];
-        PyObject* item = Py_BuildValue("(ny#)", static_cast<Py_ssize_t>(positions[block.file]),
-                                       result.out.data() + block.begin,
-                                       static_cast<Py_ssize_t>(block.end - block.begin));
+        PyObject* item = Py_BuildValue("(nn)", static_cast<Py_ssize_t>(positions[block.file]),
+                                       static_cast<Py_ssize_t>(block.end));
         if (item == nullptr) return nullptr;
         PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), item);
     }
@@ -200,15 +294,16 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
     }
     core::ScanQuery query;
     std::vector<core::ScanChunk> chunks;
-    std::vector<core::ScanFile> scan_files;
-    std::vector<size_t> positions;
+    GroupFiles group;
     HeldBodies held;
     core::ScanResult result;
     try {
-        if (!read_query(needle, case_sensitive, mode, max_count, shape, color, query) ||
-            !read_group(state, rows, files, stride, chunks, scan_files, positions, held) ||
+        const core::ChunkRows* read = rows_of(state, rows);
+        if (!read_query(needle, case_sensitive, mode, max_count, shape, color, query) || !group.load(files) ||
+            !(read ? read_chunks(state, *read, stride, group, chunks)
+                   : listed_chunks(state, rows, stride, group, chunks, held)) ||
             !without_gil([&] {
-                result = core::scan_chunks(query, dictionary, chunks.data(), chunks.size(), scan_files.data());
+                result = core::scan_chunks(query, dictionary, chunks.data(), chunks.size(), group.scan_files.data());
             })) {
             return nullptr;
         }
@@ -219,11 +314,12 @@ PyObject* scan_chunks(PyObject* module, PyObject* args, PyObject* kwargs) {
         PyErr_SetString(state->damaged_error, result.detail.c_str());
         return nullptr;
     }
-    Owned blocks(blocks_list(result, positions));
-    if (!blocks) return nullptr;
-    if (result.fault == core::ScanResult::Fault::none) return PyTuple_Pack(2, blocks.get(), Py_None);
+    Owned ends(file_ends(result, group.positions));
+    Owned output(PyBytes_FromStringAndSize(result.out.data(), static_cast<Py_ssize_t>(result.out.size())));
+    if (!ends || !output) return nullptr;
+    if (result.fault == core::ScanResult::Fault::none) return PyTuple_Pack(3, output.get(), ends.get(), Py_None);
     Owned problem(PyUnicode_FromStringAndSize(result.detail.data(), static_cast<Py_ssize_t>(result.detail.size())));
-    return problem ? PyTuple_Pack(2, blocks.get(), problem.get()) : nullptr;
+    return problem ? PyTuple_Pack(3, output.get(), ends.get(), problem.get()) : nullptr;
 }
 
 }  // namespace
@@ -234,13 +330,15 @@ PyMethodDef scan_chunks_def = keywords_method(
     "            color=False)\n--\n\n"
     "One group of chunks searched for a plain needle and printed, without the GIL.\n"
     "\n"
-    "    rows: (row id, first line, last line, compressed body, ...) of each chunk, file by file.\n"
-    "    files: (file id, path, shown path as bytes) of the group's files, in the rows' order.\n"
+    "    rows: a ChunkRows, or (row id, first line, last line, compressed body, ...) of each\n"
+    "    chunk, file by file.\n"
+    "    files: (file id, path, shown path as bytes) of the group's files, in the rows' order;\n"
+    "    the rows of a file not listed are skipped.\n"
     "    mode: \"lines\", \"count\" or \"files\"; max_count: matching lines per file, or None.\n"
     "    shape: the output.line_format.Shape to print (without replace), or None for\n"
     "    path:line:column:text; color: rg's colours. Files' outputs are not separated.\n"
-    "    Returns ([(index in files, output)] for each file with output, problem): problem is\n"
-    "    None, or why a chunk's numbers disagree with its text (the output stops before its\n"
-    "    file). A damaged body raises DamagedChunk.");
+    "    Returns (output, [(index in files, end in output)] for each file with output, in\n"
+    "    order, problem): problem is None, or why a chunk's numbers disagree with its text\n"
+    "    (the output stops before its file). A damaged body raises DamagedChunk.");
 
 }  // namespace velmora::host

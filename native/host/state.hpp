@@ -1,6 +1,7 @@
 // The state of the host's native module, velmora.native, and what its files define.
 #pragma once
 
+#include "core/chunk_reader.hpp"
 #include "core/zstd_frames.hpp"
 #include "module/owned.hpp"
 
@@ -13,6 +14,8 @@ using py::Owned;
 struct NativeState {
     PyObject* dictionary_type;  // FrameDictionary
     PyObject* damaged_error;    // DamagedChunk
+    PyObject* reader_type;      // ChunkReader
+    PyObject* rows_type;        // ChunkRows
 };
 
 inline NativeState* native_state(PyObject* module) {
@@ -23,6 +26,12 @@ inline NativeState* native_state(PyObject* module) {
 // TypeError set, for another object).
 PyObject* make_dictionary_type(PyObject* module);
 const core::FrameDictionary* dictionary_of(NativeState* state, PyObject* object);
+
+// The ChunkReader and ChunkRows types; the rows of a ChunkRows (null, with no error set, for
+// another object).
+PyObject* make_reader_type(PyObject* module);
+PyObject* make_rows_type(PyObject* module);
+const core::ChunkRows* rows_of(NativeState* state, PyObject* object);
 
 // A module function that takes its arguments by position or keyword.
 template <class F>
@@ -49,5 +58,6 @@ bool without_gil(Work&& work) {
 extern PyMethodDef scan_chunks_def;
 extern PyMethodDef decode_frames_def;
 extern PyMethodDef stat_changes_def;
+extern PyMethodDef shares_sqlite_def;
 
 }  // namespace velmora::host

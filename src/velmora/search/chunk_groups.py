@@ -63,13 +63,13 @@ def file_chunks(
     A chunk that the index has lost is a ``chunk_counts.MissingChunks``."""
     if widened is None:
         read = partial(layout.group_rows, db, with_last=with_last, holding=holding)
-        for group, rows in _selected_groups(db, layout, files, plan, keep, read):
+        for group, rows in _read_groups(db, layout, files, plan, keep, read):
             yield from _by_file(group, ((rowid, (*chunk, None)) for rowid, *chunk in rows))
         return
     picking = partial(layout.picked_rows, db, with_last=with_last, widened=widened)
     pending: deque[tuple[list[FileRow], Callable[[], list[PickedRow]]]] = deque()
     # The next groups are read, and picked on the scan threads, while this one is searched.
-    for group, picked in _selected_groups(db, layout, files, plan, keep, picking):
+    for group, picked in _read_groups(db, layout, files, plan, keep, picking):
         pending.append((group, picked))
         if len(pending) > _PICKED_AHEAD:
             yield from _picked_by_file(*pending.popleft())
@@ -91,30 +91,43 @@ def _by_file(group: list[FileRow], chunks) -> Iterator[tuple[FileRow, list[ReadC
         yield row, found.pop(row.id, [])
 
 
-def stored_groups(
+def _read_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):
+    """The planned groups' files, each group's with what ``read(files, wanted, whole_files)``
+    gives for its chunks (nothing when it wants none)."""
+    for group, wanted, whole_files in planned_groups(db, layout, files, plan, keep):
+        yield group, read(group, wanted, whole_files) if wanted else []
+
+
+class PlannedGroup(NamedTuple):
+    """A group of files and which of their chunks to read: the chunks' row ids, or with
+    ``whole_files`` the files' ids, every chunk of which is read (none when empty)."""
+
+    files: list[FileRow]
+    wanted: list[int]
+    whole_files: bool
+
+
+def planned_groups(
     db: Database, layout: ChunkLayout, files: Files, plan: str | None, keep: Collection[int],
-) -> Iterator[tuple[list[FileRow], list[tuple]]]:
-    """As ``file_chunks`` in a layout that ``stores_frames``, a group at a time and undecoded:
-    the group's files (those with a chunk the plan lets through, or in ``keep``) and the rows
-    (row id, first line, last line, body, 0) of those chunks, in the files' order."""
-    yield from _selected_groups(db, layout, files, plan, keep, partial(layout.group_bodies, db))
-
-
-def _selected_groups(db, layout: ChunkLayout, files, plan: str | None, keep: Collection[int], read):
+) -> Iterator[PlannedGroup]:
+    """The files with a chunk that the full-text query ``plan`` lets through (every file
+    when it is None), or in ``keep``, in the order of ``files``, a group at a time and
+    unread: each group with which of its chunks to read, for a reader of the caller's
+    choice (``layout.group_bodies``, or a native one)."""
     db.kept(("totals", layout.name), lambda: chunk_counts.check_totals(db, layout))
     if plan is None:
-        yield from _groups(files.every(), None, read)
+        yield from _groups(files.every(), None)
         return
-    rowids = array("q", sorted(layout.matching_ids(db, plan)))
+    rowids = layout.matching_ids(db, plan)
     wanted = {rowid // STRIDE for rowid in rowids}.union(keep)
-    yield from _groups(files.among(wanted), rowids, read)
+    yield from _groups(files.among(wanted), rowids)
 
 
-def _groups(files, rowids: array | None, read):
-    """The files in groups, each with what ``read(group, wanted, whole_files)`` gives for
-    the group's chunks."""
+def _groups(files, rowids: array | None) -> Iterator[PlannedGroup]:
+    """The files in groups, each with its chunks' row ids, or (``rowids`` None) its files'
+    ids for whole files."""
     group: list[FileRow] = []
-    wanted: list[int] = []  # the group's chunk row ids, or its file ids for whole files
+    wanted: list[int] = []
     for row in files:
         if rowids is None:
             wanted.append(row.id)
@@ -124,10 +137,10 @@ def _groups(files, rowids: array | None, read):
             wanted.extend(rowids[low:high])
         group.append(row)
         if len(wanted) >= _GROUP_CHUNKS or (rowids is None and len(group) >= _GROUP_FILES):
-            yield group, read(group, wanted, rowids is None) if wanted else []
+            yield PlannedGroup(group, wanted, rowids is None)
             group, wanted = [], []
     if group:
-        yield group, read(group, wanted, rowids is None) if wanted else []
+        yield PlannedGroup(group, wanted, rowids is None)
 
 
 # Makes a ReadChunk without the Python-level constructor of a named tuple.

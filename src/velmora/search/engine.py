@@ -213,12 +213,11 @@ def _segmented(
 
 
 class StoredGroup(NamedTuple):
-    """Files of a search, a group at a time: the group's files, the rows (row id, first line,
-    last line, body, 0) of the stored chunks of those read from the index, and the hits of
-    those read from disk, by file id."""
+    """Files of a search, a group at a time: which of their stored chunks to read
+    (``chunk_groups.PlannedGroup``; the chunks of a file read from disk are read, to be
+    counted, but not searched), and the hits of the files read from disk, by file id."""
 
-    files: list[FileRow]
-    rows: list[tuple]
+    planned: chunk_groups.PlannedGroup
     disk_hits: dict[int, list[Hit]]
 
 
@@ -231,8 +230,9 @@ def stored_groups(
     max_count: int | None = None,
     from_disk: Collection[int] = frozenset(),
 ) -> Iterator[StoredGroup] | None:
-    """The search's files with their chunks as stored, for a scan that decodes the bodies
-    itself; None when the layout does not store frames or every file is read from disk."""
+    """The search's files with which of their chunks to read, for a scan that reads and
+    decodes them itself; None when the layout does not store frames or every file is read
+    from disk."""
     layout = db.layout
     if layout is None or not layout.stores_frames:
         return None
@@ -240,19 +240,17 @@ def stored_groups(
     if reason is not None:
         return None
     planned = plan(query)
-    groups = chunk_groups.stored_groups(
+    groups = chunk_groups.planned_groups(
         db, layout, listed(files), _trigram_query(db, layout, query, planned), on_disk
     )
 
     def per_group() -> Iterator[StoredGroup]:
-        for group, rows in groups:
+        for group in groups:
             disk_hits = {
                 row.id: _file_hits(source, row, _whole_segments(source, row, query), 0, 0, max_count)
-                for row in group if row.id in on_disk
+                for row in group.files if row.id in on_disk
             }
-            if disk_hits:
-                rows = [chunk for chunk in rows if chunk[0] // chunk_groups.STRIDE not in disk_hits]
-            yield StoredGroup(group, rows, disk_hits)
+            yield StoredGroup(group, disk_hits)
 
     return per_group()
 

@@ -9,7 +9,6 @@ per-file work at all.
 
 from __future__ import annotations
 
-import os
 import sqlite3
 import threading
 from pathlib import Path
@@ -17,6 +16,7 @@ from pathlib import Path
 from velmora.index import build as indexer
 from velmora.serve.tree_events import TreeEvents
 from velmora.storage import schema
+from velmora.storage.database import file_identity
 
 
 class WatchedTree:
@@ -45,7 +45,7 @@ class WatchedTree:
 
     def index_gone(self) -> bool:
         """Whether the index this tree was served from was removed since."""
-        return self._index_file is not None and _identity(schema.index_path(self.root)) is None
+        return self._index_file is not None and file_identity(schema.index_path(self.root)) is None
 
     def settle(self) -> bool:
         """Bring the index up to date with every change saved before this call; False when
@@ -54,7 +54,7 @@ class WatchedTree:
         with self._lock:
             if self._events is None or self._events.changed():
                 self._behind = True
-            if _identity(schema.index_path(self.root)) != self._index_file:
+            if file_identity(schema.index_path(self.root)) != self._index_file:
                 self._behind = True  # rebuilt or removed by someone else
             if not self._behind:
                 return True
@@ -63,14 +63,6 @@ class WatchedTree:
             except (sqlite3.Error, OSError, schema.SchemaError):
                 return False
             self._behind = False
-            self._index_file = _identity(schema.index_path(self.root))
+            self._index_file = file_identity(schema.index_path(self.root))
             return True
-
-
-def _identity(path: Path) -> tuple[int, int] | None:
-    try:
-        info = os.stat(path)
-    except OSError:
-        return None
-    return info.st_dev, info.st_ino
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import sqlite3
 from collections.abc import Callable, Hashable, Iterator
 from contextlib import contextmanager
@@ -24,11 +25,16 @@ class Database:
 
     def __init__(self, db_path: str | Path) -> None:
         self.db_path = Path(db_path)
+        before = file_identity(self.db_path)
         self.connection = sqlite3.connect(self.db_path, timeout=BUSY_SECONDS)
+        # The file the connection opened (device, inode): None when the path named another
+        # before it (an index replaced meanwhile), or none.
+        self.identity = before if before == file_identity(self.db_path) else None
         # What searches read of the whole index, kept while no other connection writes it.
         self._kept: dict[Hashable, Any] | None = None
         self._generation = -1
         self._layout: Any = _UNKNOWN
+        self._attached: dict[Hashable, Any] = {}
 
     @property
     def layout(self) -> ChunkLayout | None:
@@ -73,6 +79,13 @@ class Database:
             self._kept[key] = compute()
         return self._kept[key]
 
+    def attached(self, key: Hashable, make: Callable[[], _T]) -> _T:
+        """``make()``, made once for the life of this handle and closed with it (when it has a
+        ``close``): what reads the same file as this handle, another connection to it."""
+        if key not in self._attached:
+            self._attached[key] = make()
+        return self._attached[key]
+
     def fetchone(self, sql: str) -> Any:
         """The first row of a statement without parameters, which reads the whole index (the
         module's chunk-state probe): kept for the generation."""
@@ -102,7 +115,20 @@ class Database:
         self.connection.commit()
 
     def close(self) -> None:
+        # The handle's own connection last: the last one to close removes the journal files.
+        for each in self._attached.values():
+            getattr(each, "close", lambda: None)()
+        self._attached.clear()
         self.connection.close()
+
+
+def file_identity(path: Path) -> tuple[int, int] | None:
+    """The device and inode of the file at ``path``, or None when there is none."""
+    try:
+        info = os.stat(path)
+    except OSError:
+        return None
+    return info.st_dev, info.st_ino
 
 
 def is_busy(error: sqlite3.Error) -> bool:

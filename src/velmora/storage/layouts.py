@@ -11,13 +11,14 @@ from __future__ import annotations
 
 import sqlite3
 import zlib
+from array import array
 from collections.abc import Callable, Iterable, Sequence
 from concurrent.futures import Future
 from itertools import accumulate
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
-from velmora.storage import chunk_counts, chunk_store, code_text, codec, file_rows, line_picks
+from velmora.storage import chunk_counts, chunk_reader, chunk_store, code_text, codec, file_rows, line_picks
 from velmora.utils.progress import Progress
 
 if TYPE_CHECKING:
@@ -116,14 +117,19 @@ class ChunkLayout:
         (``group_rows``), and why every file is read from disk (None when the index answers)."""
         raise NotImplementedError
 
-    def matching_ids(self, db: Database, match: str) -> set[int]:
-        """The row ids of the chunks that a full-text ``match`` expression selects.
+    def matching_ids(self, db: Database, match: str) -> array:
+        """The row ids, in order, of the chunks that a full-text ``match`` expression selects;
+        found by the handle's native reader where it has one (many ids for a common pair of
+        letters, which Python would make an object of each).
 
         The compressed layout keeps no positions: a phrase of more than one trigram is
         refused there (``chunk_store.trigram_query`` gives an AND instead).
         """
         table = self.fts_table
-        return {rowid for (rowid,) in db.rows(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))}
+        reader = chunk_reader.of(db) if self.stores_frames else None
+        if reader is not None:
+            return array("q", reader.matching_ids(table, match))
+        return array("q", sorted(rowid for (rowid,) in db.rows(f"SELECT rowid FROM {table} WHERE {table} MATCH ?", (match,))))
 
     def pair_terms(self, db: Database) -> Callable[[str], list[str]] | None:
         """The lookup of the index's trigrams that begin with two characters, when it has one."""
