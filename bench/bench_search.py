@@ -30,6 +30,8 @@ import subprocess
 import sys
 import tempfile
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import NamedTuple
 
@@ -152,10 +154,16 @@ def trees(corpus: str, layout: str, work: Path, programs: list[Program], server:
     return copies
 
 
-def stop_servers(programs: list[Program], searched: list[Path]) -> None:
-    for program, tree in zip(programs, searched):
-        subprocess.run([sys.executable, "-m", "velmora.cli", "stop"], cwd=tree, env=program.env,
-                       capture_output=True)
+@contextmanager
+def searched_trees(args, work: Path, programs: list[Program], corpus: str, layout: str) -> Iterator[list[Path]]:
+    """The trees the programs search (``trees``); their servers stopped at the end."""
+    searched = trees(corpus, layout, work, programs, args.server)
+    try:
+        yield searched
+    finally:
+        for program, tree in zip(programs, searched if args.server else []):
+            subprocess.run([sys.executable, "-m", "velmora.cli", "stop"], cwd=tree, env=program.env,
+                           capture_output=True)
 
 
 def velmora_argv(server: bool) -> list[str]:
@@ -216,9 +224,8 @@ def query_table(args: argparse.Namespace, work: Path, programs: list[Program]) -
     _header(programs, f"{'corpus':<7} {'layout':<12} {'query':<21} ", f" {'goal':>5}  {'lines':>15}  peak MB")
     for corpus in args.corpus or ["stdlib", "large"]:
         for layout in args.layout or ["compressed", "code_chunks"]:
-            searched = trees(corpus, layout, work, programs, args.server)
             column = ratios.setdefault(f"{corpus}, {layout}", [])
-            try:
+            with searched_trees(args, work, programs, corpus, layout) as searched:
                 for label, flags, goal in QUERIES:
                     flags = ["-n", "--column", *flags]
                     extra = [[git, "grep", "-n", "--column", "-P", flags[-1]]] if goal is None else []
@@ -232,9 +239,6 @@ def query_table(args: argparse.Namespace, work: Path, programs: list[Program]) -
                     ratio = " ".join(f"{wall / yardstick:14.2f}" for wall, *_ in ours)
                     print(f"{corpus:<7} {layout:<12} {label:<21} {_times(ours, theirs)} {ratio} {goal:5.1f}  "
                           f"{ours[0][1]:>7}/{theirs[1]:<7}  {ours[0][2]}{mark}{against}", flush=True)
-            finally:
-                if args.server:
-                    stop_servers(programs, searched)
     print(f"load average {os.getloadavg()[0]:.2f}")
     chart(ratios)
 
@@ -244,16 +248,12 @@ def line_table(args: argparse.Namespace, work: Path, programs: list[Program]) ->
     _header(programs, f"{'corpus':<7} {'query':<21} ", f"  {'lines':>15}  peak MB")
     for corpus in args.corpus or ["stdlib", "large"]:
         for layout in args.layout or ["compressed"]:
-            searched = trees(corpus, layout, work, programs, args.server)
-            try:
+            with searched_trees(args, work, programs, corpus, layout) as searched:
                 for label, flags in LINE_QUERIES:
                     ours, theirs, _ = _timed(flags, args, programs, searched)
                     ratios = " ".join(f"{wall / theirs[0]:14.2f}" for wall, *_ in ours)
                     print(f"{corpus:<7} {label:<21} {_times(ours, theirs)} {ratios}  {ours[0][1]:>7}/{theirs[1]:<7}  "
                           f"{ours[0][2]}", flush=True)
-            finally:
-                if args.server:
-                    stop_servers(programs, searched)
     print(f"load average {os.getloadavg()[0]:.2f}")
 
 
