@@ -60,6 +60,7 @@ def forward(argv: list[str]) -> int | None:
         while (answer := wire.read_frame(sock)) is not None:
             kind, payload = answer
             if kind == wire.EXIT:
+                _ended(sock)
                 return int(payload)
             if kind == wire.FALLBACK:
                 return None
@@ -81,6 +82,14 @@ def _stopped(sock) -> None:
     process's output, and must not once this process is gone."""
     try:
         sock.shutdown(_socket.SHUT_WR)
+    except OSError:
+        return
+    _ended(sock)
+
+
+def _ended(sock) -> None:
+    """Wait for the server to close the connection: by then it holds nothing of this search."""
+    try:
         while sock.recv(4096):
             pass
     except (OSError, KeyboardInterrupt):

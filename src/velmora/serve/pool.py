@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import math
 import multiprocessing
 import time
 from collections.abc import AsyncGenerator, AsyncIterator, Sequence
@@ -12,15 +13,9 @@ from multiprocessing.connection import Connection
 from multiprocessing.process import BaseProcess
 from pathlib import Path
 
-import anyio
-
-from velmora.serve import descriptors
+from velmora.serve import descriptors, readiness
 from velmora.serve.params import FileRequest, Search
 from velmora.serve.worker import PARTIAL, CommandSearch, Ready, Refused, Reply, work
-
-# How often a waiting request looks up from the worker's pipe, so that a client that
-# went away frees its worker promptly.
-_POLL_SECONDS = 0.25
 
 
 @dataclass(eq=False)
@@ -30,8 +25,12 @@ class _Worker:
     busy: bool = False
     ready: bool = False  # started and holding the indexes open
 
-    def receive(self, timeout: float) -> Reply | None:
-        return self.conn.recv() if self.conn.poll(timeout) else None
+    async def receive(self, timeout: float = math.inf) -> Reply | None:
+        """The next reply; None when none came within ``timeout`` seconds. Waited for on the
+        event loop, so that a client that goes away frees its worker at once."""
+        if not self.conn.poll() and not await readiness.readable(self.conn.fileno(), timeout):
+            return None
+        return self.conn.recv()
 
     def stop(self) -> None:
         self.process.kill()
@@ -101,7 +100,7 @@ class Workers:
                 replied = False
                 try:
                     while not worker.ready:  # the deadline does not count the start-up
-                        started = await anyio.to_thread.run_sync(worker.receive, _POLL_SECONDS)
+                        started = await worker.receive()
                         worker.ready = isinstance(started, Ready)
                     worker.conn.send(request)
                     if handing:
@@ -113,8 +112,7 @@ class Workers:
                             yield Refused(422, f"the search took longer than {timeout:g} s "
                                           "and was stopped")
                             return
-                        reply = await anyio.to_thread.run_sync(
-                            worker.receive, min(remaining, _POLL_SECONDS))
+                        reply = await worker.receive(remaining)
                         if reply is not None:
                             worker.busy = isinstance(reply, PARTIAL)
                             replied = True

@@ -18,7 +18,7 @@ from pathlib import Path
 import anyio
 
 from velmora.index import build as indexer, safety
-from velmora.serve import descriptors, wire
+from velmora.serve import descriptors, readiness, wire
 from velmora.serve.pool import Workers
 from velmora.serve.remote_search import CommandSearch, Exited
 from velmora.serve.watching import WatchedTree
@@ -133,7 +133,7 @@ class Resident:
         try:
             if _peer_uid(sock) != os.getuid():
                 return
-            request = wire.fields(await _request(loop, sock, streams))
+            request = wire.fields(await _request(sock, streams))
             searching = request[0] == "search" and request[1:2] == [wire.PACKAGE]
             if len(streams) != (wire.MOST_DESCRIPTORS if searching else 0):
                 return  # refused: not what a client of this server sends
@@ -190,40 +190,26 @@ class Resident:
         return wire.frame(wire.EXIT, str(ended.status).encode())
 
 
-async def _request(loop: asyncio.AbstractEventLoop, sock: socket.socket, streams: list[int]) -> bytes:
+async def _request(sock: socket.socket, streams: list[int]) -> bytes:
     """The payload of the request frame on ``sock``; the descriptors that came with it go
     to ``streams``."""
-    head = await _exactly(loop, sock, 5, streams)
-    return await _exactly(loop, sock, int.from_bytes(head[1:], "big"), streams)
+    head = await _exactly(sock, 5, streams)
+    return await _exactly(sock, int.from_bytes(head[1:], "big"), streams)
 
 
-async def _exactly(loop: asyncio.AbstractEventLoop, sock: socket.socket, size: int, streams: list[int]) -> bytes:
+async def _exactly(sock: socket.socket, size: int, streams: list[int]) -> bytes:
     """``size`` bytes from ``sock`` as they come; EOFError when it closes first."""
     data = b""
     while len(data) < size:
         try:
             part = descriptors.received(sock, min(size - len(data), 1 << 20), streams)
         except BlockingIOError:
-            await _readable(loop, sock)
+            await readiness.readable(sock.fileno())
             continue
         if not part:
             raise EOFError
         data += part
     return data
-
-
-async def _readable(loop: asyncio.AbstractEventLoop, sock: socket.socket) -> None:
-    ready = loop.create_future()
-
-    def wake() -> None:
-        if not ready.done():  # it may fire again before the waiter runs
-            ready.set_result(None)
-
-    loop.add_reader(sock, wake)
-    try:
-        await ready
-    finally:
-        loop.remove_reader(sock)
 
 
 def _peer_uid(sock: socket.socket) -> int:
