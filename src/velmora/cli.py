@@ -479,14 +479,17 @@ def _searched(args: argparse.Namespace) -> int:
 
 def _native(query: Query, args: argparse.Namespace, shape: Shape, context: bool) -> bool:
     """Whether the search prints from the native scan: a plain needle, output without
-    context, statistics or replacements, on a UTF-8 stream (the scan's output is the
-    text's own bytes), as lines, counts or file names."""
+    context, statistics, replacements or vimgrep lines, on a UTF-8 stream (the scan's
+    output is the text's own bytes), as lines, counts or file names."""
     from velmora.search import native_scan
 
     encoding = codecs.lookup(sys.stdout.encoding or "ascii").name
+    # --vimgrep repeats a line whole for each match on it: a long line with many matches
+    # prints the size of their product, which the scan would hold for a whole group.
     return (
         native_scan.handles(query) and not (context or args.stats or args.invert_match or args.files)
         and args.mode in ("lines", "count", "files") and shape.replace is None and encoding == "utf-8"
+        and not (shape.vimgrep and args.mode == "lines")
     )
 
 
