@@ -29,6 +29,10 @@ class FrameDictionary {
     ZSTD_DDict_s* dict_ = nullptr;
 };
 
+// The size of the text a frame claims to hold, as its header records it: empty on success,
+// else why the frame cannot be one of ours (the writer always records the content size).
+std::string claimed_size(const uint8_t* body, size_t body_size, unsigned long long& size) noexcept;
+
 class FrameDecoder {
   public:
     // `dictionary` may be null (frames without one); it must outlive the decoder.
@@ -41,6 +45,10 @@ class FrameDecoder {
     // on success, else what is wrong with the frame (a frame that claims more memory than
     // there is, too: a damaged header may claim any size).
     std::string decode(const uint8_t* body, size_t body_size, const uint8_t*& text, size_t& size);
+
+    // Decodes one whole frame into out[0, size), where `size` is the frame's claimed_size.
+    // Empty on success, else what is wrong with the frame.
+    std::string decode_into(const uint8_t* body, size_t body_size, uint8_t* out, size_t size);
 
   private:
     ZSTD_DCtx_s* context_;
