@@ -71,6 +71,9 @@ def main(argv: Sequence[str] | None = None, *, served: Served | None = None) -> 
     except KeyboardInterrupt:
         print("velmora: interrupted", file=sys.stderr)
         return 130
+    except MemoryError:  # output held a group at a time: minified lines matched everywhere, say
+        print("velmora: error: not enough memory for this search's output", file=sys.stderr)
+        return 2
     except BrokenPipeError:
         # The reader went away (``| head``): stop quietly, as rg does.
         _drop_output()
