@@ -57,3 +57,33 @@ def test_core_inputs(target: str, path: Path, tmp_path: Path) -> None:
 @pytest.mark.parametrize("case", module_fuzz.DROPPED_FIELDS, ids=lambda case: "{}.{} {}".format(*case))
 def test_a_field_dropped_mid_call(case: tuple, delete: bool) -> None:
     module_fuzz.drop_mid_call(case, delete)
+
+
+class _Emptying:
+    """A number whose __index__ empties the list it was read from."""
+
+    def __init__(self, into: list) -> None:
+        self.into = into
+
+    def __index__(self) -> int:
+        self.into.clear()
+        return 1
+
+
+@pytest.mark.parametrize("call", ["read", "stat_changes"])
+def test_a_list_changed_while_the_native_module_reads_it(call: str, tmp_path: Path) -> None:
+    import sqlite3
+
+    from velmora import native as host
+
+    listed: list = []
+    if call == "read":
+        db = tmp_path / "index.db"
+        with sqlite3.connect(db) as connection:
+            connection.execute("CREATE TABLE chunk_text (id INTEGER PRIMARY KEY, start_line, end_line, body)")
+        listed += [_Emptying(listed), *range(2, 2000)]
+        rows = host.ChunkReader(db, "chunk_text", 1).read(listed, False, 1 << 20)
+        assert len(rows) == 0
+    else:
+        listed += [("a", _Emptying(listed), 0, 0), *[("b", 1, 2, 3)] * 2000]
+        assert len(host.stat_changes(f"{tmp_path}/", listed, 0)) == 2001

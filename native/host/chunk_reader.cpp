@@ -90,9 +90,12 @@ PyObject* read_rows(PyObject* self, PyObject* args, PyObject* kwargs) {
     }
     NativeState* state = native_state(PyType_GetModule(Py_TYPE(self)));
     try {
-        std::vector<int64_t> ids(static_cast<size_t>(PyList_GET_SIZE(wanted)));
+        // A snapshot: an id's __index__ may change the list while the ids are read.
+        Owned held(PyList_AsTuple(wanted));
+        if (!held) return nullptr;
+        std::vector<int64_t> ids(static_cast<size_t>(PyTuple_GET_SIZE(held.get())));
         for (size_t i = 0; i < ids.size(); ++i) {
-            ids[i] = PyLong_AsLongLong(PyList_GET_ITEM(wanted, static_cast<Py_ssize_t>(i)));
+            ids[i] = PyLong_AsLongLong(PyTuple_GET_ITEM(held.get(), static_cast<Py_ssize_t>(i)));
             if (ids[i] == -1 && PyErr_Occurred()) return nullptr;
         }
         auto* rows_type = reinterpret_cast<PyTypeObject*>(state->rows_type);

@@ -56,9 +56,12 @@ PyObject* stat_changes(PyObject*, PyObject* args, PyObject* kwargs) {
         if (!encoded_prefix) return nullptr;
         const std::string root(PyBytes_AS_STRING(encoded_prefix.get()),
                                static_cast<size_t>(PyBytes_GET_SIZE(encoded_prefix.get())));
-        std::vector<core::RecordedFile> files(static_cast<size_t>(PyList_GET_SIZE(rows)));
+        // A snapshot: a recorded number's __index__ may change the list while rows are read.
+        Owned held(PyList_AsTuple(rows));
+        if (!held) return nullptr;
+        std::vector<core::RecordedFile> files(static_cast<size_t>(PyTuple_GET_SIZE(held.get())));
         for (size_t i = 0; i < files.size(); ++i) {
-            if (!read_row(PyList_GET_ITEM(rows, static_cast<Py_ssize_t>(i)), files[i])) return nullptr;
+            if (!read_row(PyTuple_GET_ITEM(held.get(), static_cast<Py_ssize_t>(i)), files[i])) return nullptr;
         }
         if (!without_gil([&] { changes = core::stat_changes(root, files, racy_from); })) return nullptr;
     } catch (const std::bad_alloc&) {

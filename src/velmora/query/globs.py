@@ -7,6 +7,7 @@ import re
 from typing import TYPE_CHECKING
 
 from velmora.query.pattern import QueryError
+from velmora.utils import fsio
 
 if TYPE_CHECKING:
     import pathspec
@@ -42,7 +43,7 @@ class Globs:
         return False
 
     def _spec(self, path: str) -> pathspec.GitIgnoreSpec:
-        if path.isascii() or _utf8(path):
+        if path.isascii() or fsio.is_utf8(path):
             return self._fast
         if self._escaped is None:
             import pathspec
@@ -100,14 +101,6 @@ def _alternatives(glob: str) -> list[str] | None:
             commas.append(index - opened - 1)
         index += 1
     return None if depth or in_class else [glob]
-
-
-def _utf8(text: str) -> bool:
-    try:
-        text.encode("utf-8")
-    except UnicodeEncodeError:
-        return False
-    return True
 
 
 def _valid(line: str) -> bool:
