@@ -21,6 +21,8 @@ import sys
 import threading
 import time
 import urllib.parse
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 QUERIES = [
@@ -125,18 +127,7 @@ def main() -> None:
     parser.add_argument("--rss-requests", type=int, default=10_000)
     args = parser.parse_args()
     tree = corpus_copy(args.tree)
-    port = free_port()
-    # A deadline past the slowest query's time: the figures are of searches that finish.
-    server = subprocess.Popen([sys.executable, "-m", "velmora.cli", "serve", str(tree),
-                               "--port", str(port), "--timeout", "300"])
-    try:
-        for _ in range(36_000):  # it listens once the tree is indexed
-            try:
-                client = Client(port)
-                client.search(QUERIES[0][1])
-                break
-            except OSError:
-                time.sleep(0.1)
+    with serving(tree, QUERIES[0][1]) as (server, port):
         if args.requests:
             print(f"{'query':<22} {'server p50':>10} {'1 client p50':>12} "
                   f"{args.clients} clients p50 / p99 {'CLI best':>9}   hits")
@@ -157,6 +148,24 @@ def main() -> None:
                   f"{cli:7.0f}ms   {runs[0][1]['stats']['matches']}")
         if args.rss_requests:
             memory(server.pid, Client(port), args.rss_requests)
+
+
+@contextmanager
+def serving(tree: Path, first: dict) -> Iterator[tuple[subprocess.Popen, int]]:
+    """`velmora serve` of ``tree`` and its port, once it has answered ``first``; stopped at
+    the end, whatever happened."""
+    port = free_port()
+    # A deadline past the slowest query's time: the figures are of searches that finish.
+    server = subprocess.Popen([sys.executable, "-m", "velmora.cli", "serve", str(tree),
+                               "--port", str(port), "--timeout", "300"])
+    try:
+        for _ in range(36_000):  # it listens once the tree is indexed
+            try:
+                Client(port).search(first)
+                break
+            except OSError:
+                time.sleep(0.1)
+        yield server, port
     finally:
         server.terminate()
         server.wait(30)

@@ -19,7 +19,7 @@ import sys
 import time
 from pathlib import Path
 
-from bench_serve import Client, corpus_copy, free_port
+from bench_serve import Client, corpus_copy, serving
 
 from velmora.index import build as indexer, symbols
 from velmora.utils.fsio import read_bytes_no_follow
@@ -67,17 +67,8 @@ def latency(tree: Path, requests: int) -> None:
     started = time.perf_counter()
     subprocess.run([sys.executable, "-m", "velmora.cli", "index", str(tree)], check=True)
     print(f"index pass: {time.perf_counter() - started:.0f} s wall", flush=True)
-    port = free_port()
-    server = subprocess.Popen([sys.executable, "-m", "velmora.cli", "serve", str(tree),
-                               "--port", str(port), "--timeout", "300"])
-    try:
-        for _ in range(36_000):  # it listens once the tree is indexed
-            try:
-                client = Client(port)
-                client.search(QUERIES[0][1])
-                break
-            except OSError:
-                time.sleep(0.1)
+    with serving(tree, QUERIES[0][1]) as (_, port):
+        client = Client(port)
         print(f"{'query':<22} {'in server':>10} {'round trip':>11} {'files':>6}  (median of {requests})")
         for label, params in QUERIES:
             trips, inside = [], []
@@ -89,9 +80,6 @@ def latency(tree: Path, requests: int) -> None:
             print(f"{label:<22} {statistics.median(inside) * 1000:8.1f} ms "
                   f"{statistics.median(trips) * 1000:8.1f} ms {files:>6}", flush=True)
         print(f"load {os.getloadavg()[0]:.1f}")
-    finally:
-        server.terminate()
-        server.wait(30)
 
 
 def main() -> None:
